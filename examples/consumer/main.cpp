@@ -1,0 +1,15 @@
+// Builds one record through the public headers and prints it: proof that the
+// installed package carries everything a host needs to compile and link.
+#include <cstdio>
+#include <memory>
+
+#include <libKestrel/libKestrel.h>
+
+int main()
+{
+    auto gpu = std::make_shared<libKestrel::GPU>(pci::PciLocation(0x65, 0, 0, 0));
+    gpu->setName(std::string("Example GPU"));
+    std::shared_ptr<libKestrel::IGPU> record = gpu;
+    std::printf("%s at %s\n", record->name().value_or("?").c_str(), record->pciLocation()->toString(true).c_str());
+    return record->isSameGPU(libKestrel::GPU(pci::PciLocation(0x65, 0, 0, 0))) ? 0 : 1;
+}

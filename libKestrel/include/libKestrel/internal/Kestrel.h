@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "libKestrel/IGPU.h"
+
+namespace libKestrel {
+
+// Folds a list of records into one record per PCI location, in order of first
+// appearance. A record without a location is dropped; a record with no
+// counterpart is passed through as it is (the same shared record).
+std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<IGPU>>& gpus);
+
+// A new record for the common PCI location of both, each property merged by its
+// own rule. gpuLHS is the earlier record. Neither input is changed.
+std::shared_ptr<IGPU> mergeTwoGPUs(const std::shared_ptr<IGPU>& gpuLHS, const std::shared_ptr<IGPU>& gpuRHS);
+
+// Per-property rules. With one side empty the other side wins unchanged; with
+// both present the rule below decides.
+using OptionalText = std::optional<std::string>;
+using OptionalFlag = std::optional<bool>;
+using Optional32 = std::optional<std::uint32_t>;
+using Optional64 = std::optional<std::uint64_t>;
+using OptionalHandle = std::optional<void*>;
+
+// Texts: the longer one; on equal length the right one.
+OptionalText mergeNames(const OptionalText& lhs, const OptionalText& rhs);
+OptionalText mergeDriverVersions(const OptionalText& lhs, const OptionalText& rhs);
+OptionalText mergeVBIOSVersions(const OptionalText& lhs, const OptionalText& rhs);
+OptionalText mergeBusType(const OptionalText& lhs, const OptionalText& rhs);
+OptionalText mergeUUIDs(const OptionalText& lhs, const OptionalText& rhs);
+// Flags: both must say true.
+OptionalFlag mergeHardwareAcceleration(const OptionalFlag& lhs, const OptionalFlag& rhs);
+OptionalFlag mergeSLI(const OptionalFlag& lhs, const OptionalFlag& rhs);
+OptionalFlag mergeCrossfire(const OptionalFlag& lhs, const OptionalFlag& rhs);
+OptionalFlag mergeECCMemory(const OptionalFlag& lhs, const OptionalFlag& rhs);
+// Sizes and counts: the smaller.
+Optional32 mergeCoreCount(const Optional32& lhs, const Optional32& rhs);
+Optional64 mergeMemory(const Optional64& lhs, const Optional64& rhs);
+Optional32 mergeMemoryWidth(const Optional32& lhs, const Optional32& rhs);
+Optional64 mergeMemoryBandwidth(const Optional64& lhs, const Optional64& rhs);
+// Rates, readings and versions: the larger, each value on its own.
+Optional32 mergeClockFrequencies(const Optional32& lhs, const Optional32& rhs);
+Optional32 mergeUtilizationPercent(const Optional32& lhs, const Optional32& rhs);
+Optional64 mergeECCErrorCounts(const Optional64& lhs, const Optional64& rhs);
+Optional64 mergeTemperature(const Optional64& lhs, const Optional64& rhs);
+Optional32 mergeFanSpeed(const Optional32& lhs, const Optional32& rhs);
+Optional32 mergeVersion(const Optional32& lhs, const Optional32& rhs);
+// The monitor handle: the left one.
+OptionalHandle mergeNativeMonitorHandle(const OptionalHandle& lhs, const OptionalHandle& rhs);
+
+} // namespace libKestrel

@@ -1,0 +1,140 @@
+#include "libKestrel/internal/Kestrel.h"
+
+#include <algorithm>
+
+#include "libKestrel/GPU.h"
+#include "libKestrel/internal/Assert.h"
+#include "libKestrel/internal/Logging.h"
+
+namespace libKestrel {
+namespace {
+
+using logging::log;
+using logging::Priority;
+
+logging::LogSite site("libKestrel.Kestrel", "libKestrel/src/Kestrel.cpp");
+
+// The common frame of every property merge: an empty side never overrides or
+// weakens a present one; with both present, 'combine' decides.
+template <class T, class Combine>
+std::optional<T> merged(const char* function, int line, const std::optional<T>& lhs, const std::optional<T>& rhs,
+                        Combine combine)
+{
+    auto trace = site.trace(function, line);
+    if (lhs && rhs)
+        return combine(*lhs, *rhs);
+    return lhs ? lhs : rhs;
+}
+
+// Length in bytes decides, never content; a tie goes to the right-hand text.
+const std::string& longerText(const std::string& lhs, const std::string& rhs)
+{
+    return lhs.size() > rhs.size() ? lhs : rhs;
+}
+
+bool bothTrue(bool lhs, bool rhs) { return lhs && rhs; }
+
+template <class T>
+T smaller(T lhs, T rhs)
+{
+    return std::min(lhs, rhs);
+}
+
+template <class T>
+T larger(T lhs, T rhs)
+{
+    return std::max(lhs, rhs);
+}
+
+void* leftHandle(void* lhs, void*) { return lhs; }
+
+} // namespace
+
+// clang-format off
+OptionalText mergeNames(const OptionalText& l, const OptionalText& r) { return merged("mergeNames", 54, l, r, longerText); }
+OptionalText mergeDriverVersions(const OptionalText& l, const OptionalText& r) { return merged("mergeDriverVersions", 55, l, r, longerText); }
+OptionalText mergeVBIOSVersions(const OptionalText& l, const OptionalText& r) { return merged("mergeVBIOSVersions", 56, l, r, longerText); }
+OptionalText mergeBusType(const OptionalText& l, const OptionalText& r) { return merged("mergeBusType", 57, l, r, longerText); }
+OptionalText mergeUUIDs(const OptionalText& l, const OptionalText& r) { return merged("mergeUUIDs", 58, l, r, longerText); }
+OptionalFlag mergeHardwareAcceleration(const OptionalFlag& l, const OptionalFlag& r) { return merged("mergeHardwareAcceleration", 59, l, r, bothTrue); }
+OptionalFlag mergeSLI(const OptionalFlag& l, const OptionalFlag& r) { return merged("mergeSLI", 60, l, r, bothTrue); }
+OptionalFlag mergeCrossfire(const OptionalFlag& l, const OptionalFlag& r) { return merged("mergeCrossfire", 61, l, r, bothTrue); }
+OptionalFlag mergeECCMemory(const OptionalFlag& l, const OptionalFlag& r) { return merged("mergeECCMemory", 62, l, r, bothTrue); }
+Optional32 mergeCoreCount(const Optional32& l, const Optional32& r) { return merged("mergeCoreCount", 63, l, r, smaller<std::uint32_t>); }
+Optional64 mergeMemory(const Optional64& l, const Optional64& r) { return merged("mergeMemory", 64, l, r, smaller<std::uint64_t>); }
+Optional32 mergeMemoryWidth(const Optional32& l, const Optional32& r) { return merged("mergeMemoryWidth", 65, l, r, smaller<std::uint32_t>); }
+Optional64 mergeMemoryBandwidth(const Optional64& l, const Optional64& r) { return merged("mergeMemoryBandwidth", 66, l, r, smaller<std::uint64_t>); }
+Optional32 mergeClockFrequencies(const Optional32& l, const Optional32& r) { return merged("mergeClockFrequencies", 67, l, r, larger<std::uint32_t>); }
+Optional32 mergeUtilizationPercent(const Optional32& l, const Optional32& r) { return merged("mergeUtilizationPercent", 68, l, r, larger<std::uint32_t>); }
+Optional64 mergeECCErrorCounts(const Optional64& l, const Optional64& r) { return merged("mergeECCErrorCounts", 69, l, r, larger<std::uint64_t>); }
+Optional64 mergeTemperature(const Optional64& l, const Optional64& r) { return merged("mergeTemperature", 70, l, r, larger<std::uint64_t>); }
+Optional32 mergeFanSpeed(const Optional32& l, const Optional32& r) { return merged("mergeFanSpeed", 71, l, r, larger<std::uint32_t>); }
+Optional32 mergeVersion(const Optional32& l, const Optional32& r) { return merged("mergeVersion", 72, l, r, larger<std::uint32_t>); }
+OptionalHandle mergeNativeMonitorHandle(const OptionalHandle& l, const OptionalHandle& r) { return merged("mergeNativeMonitorHandle", 73, l, r, leftHandle); }
+// clang-format on
+
+std::shared_ptr<IGPU> mergeTwoGPUs(const std::shared_ptr<IGPU>& gpuLHS, const std::shared_ptr<IGPU>& gpuRHS)
+{
+    auto trace = site.trace("mergeTwoGPUs", 76);
+    KESTREL_ASSERT(*(gpuLHS->pciLocation()) == *(gpuRHS->pciLocation()));
+
+    const IGPU& l = *gpuLHS;
+    const IGPU& r = *gpuRHS;
+    auto gpu = std::make_shared<GPU>(*l.pciLocation());
+    gpu->setName(mergeNames(l.name(), r.name()));
+    gpu->setDriverVersion(mergeDriverVersions(l.driverVersion(), r.driverVersion()));
+    gpu->setVBIOSVersion(mergeVBIOSVersions(l.vbiosVersion(), r.vbiosVersion()));
+    gpu->setCoreCount(mergeCoreCount(l.coreCount(), r.coreCount()));
+    gpu->setHardwareAcceleration(mergeHardwareAcceleration(l.hardwareAcceleration(), r.hardwareAcceleration()));
+    gpu->setTotalMemory(mergeMemory(l.totalMemory(), r.totalMemory()));
+    gpu->setDedicatedMemory(mergeMemory(l.dedicatedMemory(), r.dedicatedMemory()));
+    gpu->setAvailableDedicatedMemory(mergeMemory(l.availableDedicatedMemory(), r.availableDedicatedMemory()));
+    gpu->setGraphicsClock(mergeClockFrequencies(l.graphicsClock(), r.graphicsClock()));
+    gpu->setMemoryClock(mergeClockFrequencies(l.memoryClock(), r.memoryClock()));
+    gpu->setShaderClock(mergeClockFrequencies(l.shaderClock(), r.shaderClock()));
+    gpu->setMemoryWidth(mergeMemoryWidth(l.memoryWidth(), r.memoryWidth()));
+    gpu->setMemoryBandwidth(mergeMemoryBandwidth(l.memoryBandwidth(), r.memoryBandwidth()));
+    gpu->setBusType(mergeBusType(l.busType(), r.busType()));
+    gpu->setECCSupported(mergeECCMemory(l.eccSupported(), r.eccSupported()));
+    gpu->setECCEnabled(mergeECCMemory(l.eccEnabled(), r.eccEnabled()));
+    gpu->setUtilizationGPU(mergeUtilizationPercent(l.utilizationGPU(), r.utilizationGPU()));
+    gpu->setUtilizationMemory(mergeUtilizationPercent(l.utilizationMemory(), r.utilizationMemory()));
+    gpu->setECCErrorsCorrectedVolatile(mergeECCErrorCounts(l.eccErrorsCorrectedVolatile(), r.eccErrorsCorrectedVolatile()));
+    gpu->setECCErrorsUncorrectedVolatile(mergeECCErrorCounts(l.eccErrorsUncorrectedVolatile(), r.eccErrorsUncorrectedVolatile()));
+    gpu->setECCErrorsCorrectedAggregate(mergeECCErrorCounts(l.eccErrorsCorrectedAggregate(), r.eccErrorsCorrectedAggregate()));
+    gpu->setECCErrorsUncorrectedAggregate(mergeECCErrorCounts(l.eccErrorsUncorrectedAggregate(), r.eccErrorsUncorrectedAggregate()));
+    gpu->setTemperatureCurrent(mergeTemperature(l.temperatureCurrent(), r.temperatureCurrent()));
+    gpu->setTemperatureSlowdown(mergeTemperature(l.temperatureSlowdown(), r.temperatureSlowdown()));
+    gpu->setTemperatureShutdown(mergeTemperature(l.temperatureShutdown(), r.temperatureShutdown()));
+    gpu->setUUID(mergeUUIDs(l.uuid(), r.uuid()));
+    gpu->setFanSpeedPercent(mergeFanSpeed(l.fanSpeedPercent(), r.fanSpeedPercent()));
+    gpu->setFanSpeedRPM(mergeFanSpeed(l.fanSpeedRPM(), r.fanSpeedRPM()));
+    gpu->setSLI(mergeSLI(l.sli(), r.sli()));
+    gpu->setVersionMajor(mergeVersion(l.versionMajor(), r.versionMajor()));
+    gpu->setVersionMinor(mergeVersion(l.versionMinor(), r.versionMinor()));
+    gpu->setCrossfire(mergeCrossfire(l.crossfire(), r.crossfire()));
+    gpu->setNativeMonitorHandle(mergeNativeMonitorHandle(l.nativeMonitorHandle(), r.nativeMonitorHandle()));
+    return gpu;
+}
+
+std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<IGPU>>& gpus)
+{
+    auto trace = site.trace("mergeGPUs", 120);
+    std::vector<std::shared_ptr<IGPU>> result;
+    for (const auto& gpu : gpus) {
+        // A null record from a host's source has no location either.
+        if (!gpu || !gpu->pciLocation()) {
+            log(site, Priority::WARNING, "294 ", "Could not obtain PCI Location from GPU");
+            continue;
+        }
+        auto same = std::find_if(result.begin(), result.end(),
+                                 [&](const std::shared_ptr<IGPU>& earlier) { return earlier->isSameGPU(*gpu); });
+        if (same != result.end())
+            *same = mergeTwoGPUs(*same, gpu);
+        else
+            result.push_back(gpu);
+    }
+    return result;
+}
+
+} // namespace libKestrel

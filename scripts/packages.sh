@@ -1,0 +1,25 @@
+# Sourced by the scripts: installs the Debian packages the project needs, once.
+# Quiet and idempotent: apt runs only when something is missing.
+
+KESTREL_PACKAGES=(
+    cmake ninja-build g++ clang libclang-rt-14-dev
+    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    nlohmann-json3-dev libcli11-dev
+    g++-mingw-w64-x86-64-posix wine wine64
+    libglfw3 xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils libgl1-mesa-dri
+)
+
+kestrel_install_packages() {
+    local missing=()
+    local package
+    for package in "${KESTREL_PACKAGES[@]}"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+
+    echo "Installing: ${missing[*]}"
+    local sudo=()
+    [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}

@@ -1,0 +1,95 @@
+#include "tova/LogFactory.h"
+
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "tova/Logger.h"
+
+namespace tova {
+namespace {
+
+const char* priorityName(LoggerPriority::LOGGER_PRIORITY priority)
+{
+    switch (priority) {
+    case LoggerPriority::TRACE: return "TRACE";
+    case LoggerPriority::INFO: return "INFO";
+    case LoggerPriority::WARNING: return "WARNING";
+    case LoggerPriority::CRITICAL: return "CRITICAL";
+    default: return "LOG";
+    }
+}
+
+void writeToStandardError(const std::string& logger, LoggerPriority::LOGGER_PRIORITY priority,
+                          const std::string& text)
+{
+    std::fprintf(stderr, "%s [%s] %s\n", logger.c_str(), priorityName(priority), text.c_str());
+    std::fflush(stderr);
+}
+
+// Everything the factory keeps. Loggers are never destroyed: callers hold raw
+// pointers to them in static storage, and other modules' static destructors may
+// still log while this module shuts down, so the registry is deliberately leaked.
+struct Registry {
+    std::atomic<int> priority{LoggerPriority::CRITICAL};
+    std::mutex loggersMutex;
+    std::map<std::string, std::unique_ptr<Logger>> loggers;
+    std::mutex sinkMutex; // also serialises lines, so concurrent messages never interleave
+    LogFactory::Sink sink = writeToStandardError;
+};
+
+Registry& registry()
+{
+    static Registry* instance = new Registry();
+    return *instance;
+}
+
+// Finds or creates 'name' and, for a dotted name, its ancestors. Caller holds loggersMutex.
+Logger* findOrCreate(Registry& reg, const std::string& name)
+{
+    auto found = reg.loggers.find(name);
+    if (found != reg.loggers.end())
+        return found->second.get();
+    const auto dot = name.rfind('.');
+    Logger* parent = dot == std::string::npos ? nullptr : findOrCreate(reg, name.substr(0, dot));
+    auto& slot = reg.loggers[name];
+    slot = std::make_unique<Logger>(name, parent);
+    return slot.get();
+}
+
+} // namespace
+
+LoggerPriority::LOGGER_PRIORITY LogFactory::getPriority()
+{
+    return static_cast<LoggerPriority::LOGGER_PRIORITY>(registry().priority.load(std::memory_order_relaxed));
+}
+
+void LogFactory::setPriority(LoggerPriority::LOGGER_PRIORITY priority)
+{
+    registry().priority.store(priority, std::memory_order_relaxed);
+}
+
+void LogFactory::createLogger(const char* name, Logger*& out)
+{
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.loggersMutex);
+    out = findOrCreate(reg, name ? name : "");
+}
+
+void LogFactory::setSink(Sink sink)
+{
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.sinkMutex);
+    reg.sink = sink ? std::move(sink) : Sink(writeToStandardError);
+}
+
+void LogFactory::write(const std::string& logger, LoggerPriority::LOGGER_PRIORITY priority, const std::string& text)
+{
+    Registry& reg = registry();
+    std::lock_guard<std::mutex> lock(reg.sinkMutex);
+    reg.sink(logger, priority, text);
+}
+
+} // namespace tova

@@ -1,0 +1,61 @@
+#include "common/LogCapture.h"
+
+#include "tova/LogFactory.h"
+
+namespace kestrel::test {
+
+LogCapture::LogCapture(tova::LoggerPriority::LOGGER_PRIORITY threshold) : previous_(tova::LogFactory::getPriority())
+{
+    tova::LogFactory::setSink([this](const std::string& logger, tova::LoggerPriority::LOGGER_PRIORITY priority,
+                                     const std::string& text) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back({logger, priority, text});
+    });
+    tova::LogFactory::setPriority(threshold);
+}
+
+LogCapture::~LogCapture()
+{
+    tova::LogFactory::setSink(nullptr);
+    tova::LogFactory::setPriority(previous_);
+}
+
+std::vector<LogLine> LogCapture::lines() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+}
+
+std::vector<std::string> LogCapture::of(const std::string& logger) const
+{
+    std::vector<std::string> result;
+    for (const auto& line : lines())
+        if (line.logger == logger)
+            result.push_back(std::to_string(line.priority) + "|" + line.text);
+    return result;
+}
+
+bool LogCapture::has(const std::string& logger, int priority, const std::string& text) const
+{
+    for (const auto& line : lines())
+        if (line.logger == logger && line.priority == priority && line.text == text)
+            return true;
+    return false;
+}
+
+size_t LogCapture::count(const std::string& prefix) const
+{
+    size_t found = 0;
+    for (const auto& line : lines())
+        if (line.text.compare(0, prefix.size(), prefix) == 0)
+            ++found;
+    return found;
+}
+
+void LogCapture::clear()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+}
+
+} // namespace kestrel::test

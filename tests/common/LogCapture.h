@@ -1,0 +1,41 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tova/LoggerPriority.h"
+
+namespace kestrel::test {
+
+struct LogLine {
+    std::string logger;
+    int priority;
+    std::string text;
+};
+
+// Collects every line written while it lives, at and above 'threshold', and
+// puts the process-wide threshold and the default sink back afterwards.
+class LogCapture {
+public:
+    explicit LogCapture(tova::LoggerPriority::LOGGER_PRIORITY threshold = tova::LoggerPriority::TRACE);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<LogLine> lines() const;
+    // Lines of one logger, as "priority|text", in order.
+    std::vector<std::string> of(const std::string& logger) const;
+    // True when exactly this line was written.
+    bool has(const std::string& logger, int priority, const std::string& text) const;
+    // Lines whose text starts with 'prefix'.
+    size_t count(const std::string& prefix) const;
+    void clear();
+
+private:
+    tova::LoggerPriority::LOGGER_PRIORITY previous_;
+    mutable std::mutex mutex_;
+    std::vector<LogLine> lines_;
+};
+
+} // namespace kestrel::test

@@ -1,0 +1,96 @@
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "common/Paths.h"
+#include "tova/DynamicLibrary.h"
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
+
+namespace {
+
+#if defined(_WIN32)
+const char* const moduleFile = "kestrel_test_module.dll";
+#else
+const char* const moduleFile = "kestrel_test_module.so";
+#endif
+
+std::string modulePath() { return kestrel::test::executableDirectory() + moduleFile; }
+
+// Asks the system loader itself whether the module is mapped, without loading it.
+bool isMapped()
+{
+#if defined(_WIN32)
+    return GetModuleHandleA(moduleFile) != nullptr;
+#else
+    void* handle = dlopen(modulePath().c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (handle)
+        dlclose(handle);
+    return handle != nullptr;
+#endif
+}
+
+using Answer = int (*)();
+
+TEST(DynamicLibrary, LoadsFindsSymbolsAndUnloads)
+{
+    tova::DynamicLibrary library(modulePath().c_str());
+    EXPECT_FALSE(isMapped()) << "constructing must not load";
+    EXPECT_EQ(library.getSymbol("kestrelTestModuleAnswer"), nullptr);
+
+    ASSERT_TRUE(library.load()) << library.lastError().c_str();
+    EXPECT_TRUE(isMapped());
+    auto answer = reinterpret_cast<Answer>(library.getSymbol("kestrelTestModuleAnswer"));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer(), 42);
+    EXPECT_EQ(library.getSymbol("kestrelTestModuleMissing"), nullptr);
+    EXPECT_EQ(library.getSymbol(nullptr), nullptr);
+
+    EXPECT_TRUE(library.unload());
+    EXPECT_FALSE(isMapped());
+    EXPECT_EQ(library.getSymbol("kestrelTestModuleAnswer"), nullptr);
+    EXPECT_FALSE(library.unload()) << "nothing left to unload";
+}
+
+TEST(DynamicLibrary, CopyAssignmentKeepsTheModuleUntilUnload)
+{
+    tova::DynamicLibrary holder;
+    EXPECT_FALSE(holder.load()) << "a holder without a name loads nothing";
+    {
+        tova::DynamicLibrary local(modulePath().c_str());
+        ASSERT_TRUE(local.load());
+        holder = local;
+    }
+    // The local copy is gone; the holder's share keeps the module mapped.
+    EXPECT_TRUE(isMapped());
+    auto answer = reinterpret_cast<Answer>(holder.getSymbol("kestrelTestModuleAnswer"));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer(), 42);
+
+    // Replacing a loaded holder releases the module it held.
+    holder = tova::DynamicLibrary();
+    EXPECT_FALSE(isMapped());
+}
+
+TEST(DynamicLibrary, MissingAndUnloadableFilesFailToLoad)
+{
+    tova::DynamicLibrary missing((kestrel::test::executableDirectory() + "no-such-module.bin").c_str());
+    EXPECT_FALSE(missing.load());
+    EXPECT_FALSE(missing.lastError().empty());
+    EXPECT_EQ(missing.getSymbol("kestrelTestModuleAnswer"), nullptr);
+
+    // Present under a module's name, but not a module.
+    const std::string fake = kestrel::test::temporaryPath("not-a-module.dll");
+    std::ofstream(fake) << "this is text, not a module\n";
+    tova::DynamicLibrary broken(fake.c_str());
+    EXPECT_FALSE(broken.load());
+    EXPECT_FALSE(broken.lastError().empty());
+    std::remove(fake.c_str());
+}
+
+} // namespace
