@@ -18,3 +18,5 @@ endif()
 if(WIN32 AND CMAKE_CROSSCOMPILING)
     include(${CMAKE_CURRENT_LIST_DIR}/Wine.cmake)
 endif()
+
+include(${CMAKE_CURRENT_LIST_DIR}/HostHeaders.cmake)

@@ -5,6 +5,7 @@
 #include "libKestrel/GPU.h"
 #include "libKestrel/internal/Assert.h"
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/Main.h"
 
 namespace libKestrel {
 namespace {
@@ -135,6 +136,33 @@ std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<I
             result.push_back(gpu);
     }
     return result;
+}
+
+std::vector<std::shared_ptr<IGPU>> queryAllMonitorGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,
+                                                       void* const& first, void* const& second)
+{
+    auto trace = site.trace("queryAllMonitorGPUs", 141);
+    std::vector<std::shared_ptr<IGPU>> records;
+    for (MonitorGPUQuerier querier : monitorQueriers) {
+        if (!querier)
+            continue; // a null entry in the host's list is skipped, not called
+        auto found = querier(first, second);
+        records.insert(records.end(), found.begin(), found.end());
+    }
+    return records;
+}
+
+std::vector<std::shared_ptr<IGPU>> queryAllGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,
+                                                const std::vector<GPUQuerier>& gpuQueriers, std::bitset<4>& status)
+{
+    std::vector<std::shared_ptr<IGPU>> all = queryAvailableMonitorInfo(monitorQueriers);
+    for (GPUQuerier querier : gpuQueriers) {
+        if (!querier)
+            continue;
+        auto found = querier(status);
+        all.insert(all.end(), found.begin(), found.end());
+    }
+    return mergeGPUs(all);
 }
 
 } // namespace libKestrel

@@ -5,4 +5,5 @@
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"
 #include "libKestrel/IGPU.h"
+#include "libKestrel/Query.h"
 #include "pci/PciLocation.h"

@@ -7,8 +7,14 @@
 #include <vector>
 
 #include "libKestrel/IGPU.h"
+#include "libKestrel/Query.h"
 
 namespace libKestrel {
+
+// Runs every monitor-side source with one monitor's probe window and monitor, in
+// order, and returns their records unmerged.
+std::vector<std::shared_ptr<IGPU>> queryAllMonitorGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,
+                                                       void* const& first, void* const& second);
 
 // Folds a list of records into one record per PCI location, in order of first
 // appearance. A record without a location is dropped; a record with no

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <bitset>
+#include <memory>
+#include <vector>
+
+#include "libKestrel/Export.h"
+#include "libKestrel/IGPU.h"
+
+namespace libKestrel {
+
+// A GPU source: reports the GPUs one vendor interface can see. The status set is
+// shared by every source of one query; a source may set bits, never clear them.
+// Bit 0: NVML refused a device because the GPU has insufficient power.
+using GPUQuerier = std::vector<std::shared_ptr<IGPU>> (*)(std::bitset<4>& status);
+
+// A monitor-side source, supplied by the host: called once per attached monitor
+// with a hidden 1x1 window placed on that monitor (first, a GLFWwindow*) and the
+// monitor itself (second, a GLFWmonitor*), so it can tell which GPU drives it.
+using MonitorGPUQuerier = std::vector<std::shared_ptr<IGPU>> (*)(void* const& first, void* const& second);
+
+// Runs the monitor-side sources for every monitor, then each GPU source in the
+// given order, and merges all records by PCI location: one record per GPU, in
+// order of first appearance, monitor-side records first. Records without a PCI
+// location are dropped. Sources run one after another on the calling thread;
+// an exception thrown by a source reaches the caller.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryAllGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,
+                                                               const std::vector<GPUQuerier>& gpuQueriers,
+                                                               std::bitset<4>& status);
+
+} // namespace libKestrel

@@ -1,0 +1,130 @@
+#include "common/Simulator.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+#include "state/SimulatorState.h"
+
+namespace sim {
+namespace {
+
+struct ModuleState {
+    std::mutex mutex;
+    nlohmann::json scenario = nlohmann::json::object();
+    std::map<std::string, std::int64_t> calls;
+};
+
+ModuleState& module()
+{
+    static ModuleState state;
+    return state;
+}
+
+nlohmann::json parse(const std::string& text, const std::string& origin)
+{
+    try {
+        return nlohmann::json::parse(text);
+    } catch (const nlohmann::json::exception& error) {
+        const std::string event = std::string("scenario error (") + moduleName() + "): " + origin + ": " + error.what();
+        kestrelSimRecord(event.c_str());
+        std::fprintf(stderr, "%s\n", event.c_str());
+        return nlohmann::json::object();
+    }
+}
+
+nlohmann::json loadScenario()
+{
+    if (const char* text = kestrelSimScenario())
+        return parse(text, "scenario text");
+    const char* path = std::getenv("KESTREL_SIM_SCENARIO");
+    if (!path || !*path)
+        return nlohmann::json::object();
+    std::ifstream file(path);
+    if (!file) {
+        const std::string event = std::string("scenario error (") + moduleName() + "): cannot read " + path;
+        kestrelSimRecord(event.c_str());
+        return nlohmann::json::object();
+    }
+    std::stringstream contents;
+    contents << file.rdbuf();
+    return parse(contents.str(), path);
+}
+
+bool matches(const nlohmann::json& fault, const char* key, std::int64_t value)
+{
+    const auto selector = fault.find(key);
+    return selector == fault.end() || (selector->is_number_integer() && selector->get<std::int64_t>() == value);
+}
+
+Fault toFault(const nlohmann::json& spec)
+{
+    Fault fault;
+    fault.spec = spec;
+    if (const auto code = spec.find("return"); code != spec.end() && code->is_number_integer())
+        fault.returnCode = code->get<std::int64_t>();
+    if (const auto null = spec.find("null"); null != spec.end() && null->is_boolean())
+        fault.null = null->get<bool>();
+    if (const auto count = spec.find("count"); count != spec.end() && count->is_number_integer())
+        fault.count = count->get<std::int64_t>();
+    return fault;
+}
+
+// Records the module's load and unload in the journal.
+struct Lifetime {
+    Lifetime() { kestrelSimRecord((std::string("load ") + moduleName()).c_str()); }
+    ~Lifetime() { kestrelSimRecord((std::string("unload ") + moduleName()).c_str()); }
+} lifetime;
+
+} // namespace
+
+const nlohmann::json& scenario() { return module().scenario; }
+
+void reload()
+{
+    ModuleState& state = module();
+    nlohmann::json fresh = loadScenario();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    state.scenario = fresh.is_object() ? std::move(fresh) : nlohmann::json::object();
+    state.calls.clear();
+}
+
+std::optional<Fault> enter(const char* entry, std::int64_t device)
+{
+    record(entry);
+    ModuleState& state = module();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    const std::int64_t call = state.calls[entry]++;
+    const auto faults = state.scenario.find("faults");
+    if (faults == state.scenario.end() || !faults->is_object())
+        return std::nullopt;
+    const auto found = faults->find(entry);
+    if (found == faults->end())
+        return std::nullopt;
+    // One fault object, or a list of them tried in order.
+    const nlohmann::json candidates = found->is_array() ? *found : nlohmann::json::array({*found});
+    for (const auto& candidate : candidates)
+        if (candidate.is_object() && matches(candidate, "call", call) && matches(candidate, "device", device))
+            return toFault(candidate);
+    return std::nullopt;
+}
+
+void record(const std::string& event) { kestrelSimRecord(event.c_str()); }
+
+std::string text(const nlohmann::json& object, const char* key, const std::string& fallback)
+{
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : fallback;
+}
+
+} // namespace sim
+
+// Lets a host or a test choose the scenario through any simulated module it holds.
+SIM_EXPORT void kestrelSimulatorSetScenario(const char* json)
+{
+    kestrelSimSetScenario(json);
+    sim::reload();
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+// What every simulated module shares: the scenario, fault injection and the
+// journal.
+#if defined(_WIN32)
+#define SIM_EXPORT extern "C" __declspec(dllexport)
+#else
+#define SIM_EXPORT extern "C" __attribute__((visibility("default")))
+#endif
+
+namespace sim {
+
+// The module's short name ("glfw", "nvml"), for the journal.
+const char* moduleName();
+
+// The machine the module pretends to see. Empty (no GPUs, no monitors) until
+// reload() finds a scenario.
+const nlohmann::json& scenario();
+
+// Reads the scenario again: the text set through kestrelSimSetScenario, else the
+// file named by KESTREL_SIM_SCENARIO, else an empty machine. Modules call it when
+// their vendor's library is initialised. Restarts the per-entry call counts.
+void reload();
+
+// A fault the scenario injects into one call.
+struct Fault {
+    std::optional<std::int64_t> returnCode; // "return": the status to return instead
+    bool null = false;                      // "null": give no result (a null pointer, nothing written)
+    std::optional<std::int64_t> count;      // "count": the count to report instead of the true one
+    nlohmann::json spec;                    // the whole fault, for module-specific fields
+};
+
+// Records a call of 'entry' in the journal and returns the fault that the
+// scenario's "faults" injects into it, if any. 'device' is the index of the
+// device the call is about (-1: none) and is matched against a fault's "device".
+std::optional<Fault> enter(const char* entry, std::int64_t device = -1);
+
+// Appends an event to the journal.
+void record(const std::string& event);
+
+// A string field of a JSON object, or 'fallback'.
+std::string text(const nlohmann::json& object, const char* key, const std::string& fallback = "");
+
+} // namespace sim

@@ -1,0 +1,60 @@
+#include "state/SimulatorState.h"
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace {
+
+struct State {
+    std::mutex mutex;
+    std::optional<std::string> scenario;
+    std::string journal;
+};
+
+State& state()
+{
+    static State* instance = new State(); // modules may still record from their own static destructors
+    return *instance;
+}
+
+} // namespace
+
+void kestrelSimSetScenario(const char* json)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.scenario = json ? std::optional<std::string>(json) : std::nullopt;
+    s.journal.clear();
+}
+
+const char* kestrelSimScenario()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.scenario ? s.scenario->c_str() : nullptr;
+}
+
+void kestrelSimRecord(const char* event)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.journal += event ? event : "";
+    s.journal += '\n';
+}
+
+const char* kestrelSimJournal()
+{
+    static thread_local std::string copy;
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    copy = s.journal;
+    return copy.c_str();
+}
+
+void kestrelSimClearJournal()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.journal.clear();
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+// State shared by every simulated vendor module of a process and by the tests:
+// the scenario text in force and a journal of what the modules were asked.
+// It lives in a library of its own that the tests link, so it outlives the
+// modules, which the library under test loads and unloads as it likes.
+#if defined(_WIN32)
+#  if defined(SIM_STATE_BUILDING)
+#    define SIM_STATE_API extern "C" __declspec(dllexport)
+#  else
+#    define SIM_STATE_API extern "C" __declspec(dllimport)
+#  endif
+#else
+#  define SIM_STATE_API extern "C" __attribute__((visibility("default")))
+#endif
+
+// Sets the scenario, as JSON text, that modules read when they next initialise;
+// null goes back to the file named by KESTREL_SIM_SCENARIO. Clears the journal.
+SIM_STATE_API void kestrelSimSetScenario(const char* json);
+
+// The scenario text set above, or null when none is set. Valid until the next set.
+SIM_STATE_API const char* kestrelSimScenario();
+
+// Appends one event ("glfwInit", "load glfw", ...) to the journal.
+SIM_STATE_API void kestrelSimRecord(const char* event);
+
+// The journal, one event per line. Valid until the next call on this thread.
+SIM_STATE_API const char* kestrelSimJournal();
+
+SIM_STATE_API void kestrelSimClearJournal();
