@@ -20,3 +20,14 @@ if(WIN32 AND CMAKE_CROSSCOMPILING)
 endif()
 
 include(${CMAKE_CURRENT_LIST_DIR}/HostHeaders.cmake)
+
+# Adds every folder below the current one that has a CMakeLists.txt: each vendor's
+# simulated module, each group of tests.
+function(kestrel_add_subdirectories)
+    file(GLOB entries LIST_DIRECTORIES true CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*)
+    foreach(entry IN LISTS entries)
+        if(IS_DIRECTORY ${entry} AND EXISTS ${entry}/CMakeLists.txt)
+            add_subdirectory(${entry})
+        endif()
+    endforeach()
+endfunction()

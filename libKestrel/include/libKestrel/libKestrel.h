@@ -6,4 +6,5 @@
 #include "libKestrel/GPUProperties.h"
 #include "libKestrel/IGPU.h"
 #include "libKestrel/Query.h"
+#include "libKestrel/Sources.h"
 #include "pci/PciLocation.h"

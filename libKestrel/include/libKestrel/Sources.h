@@ -1,0 +1,17 @@
+#pragma once
+
+#include <bitset>
+#include <memory>
+#include <vector>
+
+#include "libKestrel/Export.h"
+#include "libKestrel/IGPU.h"
+
+namespace libKestrel {
+
+// The library's own GPU sources. Each is a GPUQuerier (libKestrel/Query.h): it
+// loads its vendor's library when called, reports one record per GPU it can
+// place on the PCI bus, and releases the library before it returns. A vendor
+// that is missing or failing yields fewer records, never an exception.
+
+} // namespace libKestrel
