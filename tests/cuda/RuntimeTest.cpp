@@ -90,4 +90,15 @@ TEST(CudaRuntime, BadArgumentsAreRefusedAndLeaveNothingBehind)
     EXPECT_STREQ(libKestrel::cudaGetErrorString(static_cast<cuda::cudaError_t>(100)), "unrecognized error code");
 }
 
+TEST(CudaRuntime, ANameThatFillsTheBufferIsTerminatedWithinIt)
+{
+    SimulatedMachine machine(R"({"gpus": [{"name": "0123456789", "pci": {"bus": 101}, "cuda": {}}],
+                                 "faults": {"cuDeviceGetName": {"unterminated": true}}})");
+    cuda::cudaDeviceProp prop{};
+    ASSERT_EQ(libKestrel::cudaGetDeviceProperties(&prop, 0), cuda::cudaSuccess);
+    EXPECT_EQ(std::memchr(prop.name, '\0', sizeof prop.name), prop.name + sizeof prop.name - 1);
+    EXPECT_EQ(prop.name[254], '4');
+    EXPECT_EQ(prop.pciBusID, 101) << "the properties after the name are still read";
+}
+
 } // namespace
