@@ -7,6 +7,7 @@
 
 #include "common/Simulator.h"
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
+#include "state/SimulatorState.h"
 
 namespace {
 
@@ -25,26 +26,22 @@ std::vector<std::string> lifetime(const SimulatedMachine& machine)
     return events;
 }
 
-TEST(CudaRuntime, WithoutAHoldEachCallLoadsAndReleasesTheDriver)
+TEST(CudaRuntime, EachCallLoadsTheDriverUnlessAHoldOnItsThreadShares)
 {
     SimulatedMachine machine(oneDevice);
-    int count = 0;
-    ASSERT_EQ(libKestrel::cudaGetDeviceCount(&count), cuda::cudaSuccess);
-    EXPECT_EQ(count, 1);
     int version = 0;
     ASSERT_EQ(libKestrel::cudaDriverGetVersion(&version), cuda::cudaSuccess);
     EXPECT_EQ(version, 12040);
-    EXPECT_EQ(lifetime(machine), (std::vector<std::string>{"load cuda", "cuInit", "unload cuda", "load cuda",
-                                                           "unload cuda"}));
-}
+    int count = 0;
+    ASSERT_EQ(libKestrel::cudaGetDeviceCount(&count), cuda::cudaSuccess);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(lifetime(machine),
+              (std::vector<std::string>{"load cuda", "unload cuda", "load cuda", "cuInit", "unload cuda"}));
 
-TEST(CudaRuntime, AHoldSharesOneLoadOnItsThreadOnly)
-{
-    SimulatedMachine machine(oneDevice);
+    kestrelSimClearJournal();
     {
         const libKestrel::CudaDriverHold hold;
         const libKestrel::CudaDriverHold inner; // changes nothing
-        int count = 0;
         cuda::cudaDeviceProp prop{};
         EXPECT_EQ(libKestrel::cudaGetDeviceCount(&count), cuda::cudaSuccess);
         EXPECT_EQ(libKestrel::cudaGetDeviceProperties(&prop, 0), cuda::cudaSuccess);
