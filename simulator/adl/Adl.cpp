@@ -131,21 +131,24 @@ int answer(const Caller& caller, int adapterIndex, Out* out, std::optional<Out> 
     return ADL_OK;
 }
 
-int createControl(const char* entry, ADL_MAIN_MALLOC_CALLBACK callback, ADL_CONTEXT_HANDLE* context)
+// A main control of the first interface, or with 'context' an ADL2 context.
+int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_CONTEXT_HANDLE* context)
 {
     reloadMachine();
-    const auto fault = sim::enter(entry);
+    const auto fault = sim::enter(caller.entry);
     if (fault && fault->returnCode)
         return static_cast<int>(*fault->returnCode);
     if (!callback)
         return ADL_ERR_INVALID_CALLBACK;
     Module& state = module();
-    if (!context) {
+    if (!caller.adl2) {
         ++state.controls;
         state.allocate = callback;
         sim::record("ADL main control created");
         return ADL_OK;
     }
+    if (!context)
+        return ADL_ERR_NULL_POINTER;
     auto created = std::make_unique<Context>();
     created->id = state.nextContext++;
     created->allocate = callback;
@@ -195,7 +198,7 @@ int adapterInfo(const Caller& caller, LPAdapterInfo info, int size)
 
 SIM_EXPORT int ADL_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int)
 {
-    return createControl("ADL_Main_Control_Create", callback, nullptr);
+    return createControl({"ADL_Main_Control_Create"}, callback, nullptr);
 }
 CHECK_SIGNATURE(ADL_Main_Control_Create);
 
@@ -321,11 +324,7 @@ CHECK_SIGNATURE(ADL_Adapter_Crossfire_Get);
 #if !defined(SIM_OMIT_ADL2_Main_Control_Create)
 SIM_EXPORT int ADL2_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADL_CONTEXT_HANDLE* context)
 {
-    if (!context) {
-        sim::enter("ADL2_Main_Control_Create");
-        return ADL_ERR_NULL_POINTER;
-    }
-    return createControl("ADL2_Main_Control_Create", callback, context);
+    return createControl({"ADL2_Main_Control_Create", true}, callback, context);
 }
 CHECK_SIGNATURE(ADL2_Main_Control_Create);
 #endif

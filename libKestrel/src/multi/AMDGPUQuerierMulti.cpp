@@ -174,7 +174,7 @@ Records queryAMDGPU(const adl::AdapterInfo& info)
 
 Records queryPresentAMDGPU(const adl::AdapterInfo& info)
 {
-    auto trace = site.trace("queryPresentAMDGPU", 174);
+    auto trace = site.trace("queryPresentAMDGPU", 175);
     log(site, Priority::TRACE, "96 ", "Adapter present: ", info.iPresent);
     if (info.iPresent == 0) {
         log(site, Priority::WARNING, "98 ", "Adapter considered not present, not enumerating");
@@ -187,7 +187,7 @@ Records queryPresentAMDGPU(const adl::AdapterInfo& info)
 
 Records queryAMDGPUsMulti(std::bitset<4>&)
 {
-    auto trace = site.trace("queryAMDGPUsMulti", 187);
+    auto trace = site.trace("queryAMDGPUsMulti", 188);
     Records result;
     if (!adlwrapper::initializeLibrary()) {
         log(site, Priority::WARNING, "134 ", "Failed to load AMD Display Library");

@@ -118,7 +118,7 @@ std::optional<bool> query_Crossfire(int adapterIndex)
 
 AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
 {
-    auto trace = site.trace("query_ClockFrequencies", 122);
+    auto trace = site.trace("query_ClockFrequencies", 119);
     adl::ADLOD6CurrentStatus status{};
     if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
                  {"177 ", "Overdrive6_CurrentStatus_Get not available"},
@@ -132,7 +132,7 @@ AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
 
 std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
 {
-    auto trace = site.trace("query_UtilizationGPU", 136);
+    auto trace = site.trace("query_UtilizationGPU", 133);
     adl::ADLOD6CurrentStatus status{};
     if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
                  {"207 ", "Overdrive6_CurrentStatus_Get not available"},
@@ -149,7 +149,7 @@ std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
 
 AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
 {
-    auto trace = site.trace("query_DedicatedMemory", 154);
+    auto trace = site.trace("query_DedicatedMemory", 150);
     adl::ADLMemoryInfo memory{};
     if (!callADL(adlBinding().functions.ADL_Adapter_MemoryInfo_Get, {"232 ", "Adapter_MemoryInfo_Get not available"},
                  {"241 ", "Failed to retrieve ADL adapter memoryinfo: "}, adapterIndex, &memory))
@@ -164,7 +164,7 @@ AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
 
 AMDFanSpeed query_FanSpeed(int adapterIndex)
 {
-    auto trace = site.trace("query_FanSpeed", 170);
+    auto trace = site.trace("query_FanSpeed", 165);
     adl::ADLOD6FanSpeedInfo fan{};
     fan.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
     if (!callADL(adlBinding().functions.ADL_Overdrive6_FanSpeed_Get, {"263 ", "Overdrive6_FanSpeed_Get not available"},
