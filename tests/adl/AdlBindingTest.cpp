@@ -14,7 +14,6 @@
 namespace {
 
 using namespace kestrel::test::adl;
-using kestrel::test::SimulatedMachine;
 using namespace libKestrel::adl;
 using libKestrel::adlwrapper::adlBinding;
 
@@ -37,7 +36,7 @@ TEST(AdlBinding, LoadFillsTheTableAndReleaseClearsAllButTheFanSpeedSlot)
     expectReleased();
     EXPECT_EQ(keptSlots().back(), fanSpeed);
     // Loading and releasing calls nothing in ADL.
-    EXPECT_EQ(machine.journal(), (std::vector<std::string>{"load adl", "unload adl"}));
+    EXPECT_EQ(machine.journal(), (Lines{"load adl", "unload adl"}));
 
     // The next load overwrites the slot that the release kept.
     ASSERT_TRUE(libKestrel::adlwrapper::initializeLibrary());

@@ -15,10 +15,6 @@
 namespace {
 
 using namespace kestrel::test::adl;
-using kestrel::test::LogCapture;
-using kestrel::test::SimulatedMachine;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
 
 constexpr std::uint64_t max64 = std::numeric_limits<std::uint64_t>::max();
 

@@ -14,10 +14,6 @@
 namespace {
 
 using namespace kestrel::test::adl;
-using kestrel::test::LogCapture;
-using kestrel::test::SimulatedMachine;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
 
 const char* const querier = "libKestrel.AMDGPUQuerierMulti";
 

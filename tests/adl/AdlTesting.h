@@ -18,7 +18,11 @@
 namespace kestrel::test::adl {
 
 using nlohmann::json;
+using kestrel::test::LogCapture;
+using kestrel::test::SimulatedMachine;
+using Priority = tova::LoggerPriority;
 using Records = std::vector<std::shared_ptr<libKestrel::IGPU>>;
+using Lines = std::vector<std::string>;
 
 // One AMD card at 03:00.0 seen by ADL as three adapters (the second not
 // present), with every property the AMD source reads; and a card ADL does not see.
@@ -57,9 +61,9 @@ inline Records queryAMD()
 }
 
 // A logger's lines without the trace lines.
-inline std::vector<std::string> messages(const LogCapture& capture, const std::string& logger)
+inline Lines messages(const LogCapture& capture, const std::string& logger)
 {
-    std::vector<std::string> lines = capture.of(logger);
+    Lines lines = capture.of(logger);
     lines.erase(std::remove_if(lines.begin(), lines.end(),
                                [](const std::string& line) {
                                    return line.rfind("1|Entering ", 0) == 0 || line.rfind("1|Leaving ", 0) == 0;
@@ -104,7 +108,7 @@ inline void expectReleased()
 // unloaded last.
 inline void expectClosedAndUnloaded(const SimulatedMachine& machine)
 {
-    const std::vector<std::string> journal = machine.journal();
+    const Lines journal = machine.journal();
     int controls = 0;
     int contexts = 0;
     for (const std::string& event : journal) {
