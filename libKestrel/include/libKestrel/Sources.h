@@ -20,4 +20,10 @@ namespace libKestrel {
 // meet the other NVIDIA sources' records in the merge. 'status' is left alone.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaCudaGPUsMulti(std::bitset<4>& status);
 
+// AMD GPUs through ADL, in two passes: one full record per ADL adapter (a GPU
+// has one adapter per output, all at its PCI location, so the merge folds them),
+// then one record holding only the PCI location per adapter that ADL reports as
+// present. The status set is left as it is.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryAMDGPUsMulti(std::bitset<4>& status);
+
 } // namespace libKestrel

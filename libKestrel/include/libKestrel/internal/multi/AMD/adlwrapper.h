@@ -1,0 +1,66 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+
+#include "libKestrel/vendor/adl.h"
+#include "tova/DynamicLibrary.h"
+
+// The ADL binding of the AMD record source: loads the driver's ADL library for
+// one query, keeps its entry points in one process-wide table, and empties the
+// table again when the query is done. Its functions live in a namespace of their
+// own because the NVML binding has functions of the same names.
+namespace libKestrel::adlwrapper {
+
+// The ADL entry points the AMD source calls, null until resolved.
+// ADL_Display_DisplayInfo_Get, ADL_Overdrive5_CurrentActivity_Get and
+// ADL_Overdrive6_StateInfo_Get are looked up but not kept.
+struct ADLFunctions {
+    adl::PFN_ADL_Main_Control_Create ADL_Main_Control_Create = nullptr;
+    adl::PFN_ADL_Main_Control_Destroy ADL_Main_Control_Destroy = nullptr;
+    adl::PFN_ADL_Adapter_NumberOfAdapters_Get ADL_Adapter_NumberOfAdapters_Get = nullptr;
+    adl::PFN_ADL_Adapter_AdapterInfo_Get ADL_Adapter_AdapterInfo_Get = nullptr;
+    adl::PFN_ADL_Adapter_VideoBiosInfo_Get ADL_Adapter_VideoBiosInfo_Get = nullptr;
+    adl::PFN_ADL_Overdrive5_Temperature_Get ADL_Overdrive5_Temperature_Get = nullptr;
+    adl::PFN_ADL_Overdrive6_FanSpeed_Get ADL_Overdrive6_FanSpeed_Get = nullptr;
+    adl::PFN_ADL_Overdrive6_CurrentStatus_Get ADL_Overdrive6_CurrentStatus_Get = nullptr;
+    adl::PFN_ADL_Adapter_Crossfire_Get ADL_Adapter_Crossfire_Get = nullptr;
+    adl::PFN_ADL_Adapter_Crossfire_Caps ADL_Adapter_Crossfire_Caps = nullptr;
+    adl::PFN_ADL_Adapter_MemoryInfo_Get ADL_Adapter_MemoryInfo_Get = nullptr;
+    adl::PFN_ADL2_Main_Control_Create ADL2_Main_Control_Create = nullptr;
+    adl::PFN_ADL2_Main_Control_Destroy ADL2_Main_Control_Destroy = nullptr;
+    adl::PFN_ADL2_Adapter_NumberOfAdapters_Get ADL2_Adapter_NumberOfAdapters_Get = nullptr;
+    adl::PFN_ADL2_Adapter_AdapterInfo_Get ADL2_Adapter_AdapterInfo_Get = nullptr;
+};
+
+// Process-wide binding state. No lock guards it: one AMD query at a time.
+struct ADLBinding {
+    tova::DynamicLibrary library;
+    ADLFunctions functions;
+};
+
+ADLBinding& adlBinding();
+
+// Loads ADL ("atiadlxx.dll", else "atiadlxy.dll"; "libatiadlxx.so" on Linux) and
+// looks up every entry. False when no candidate loaded; the look-ups then run on
+// whatever library is held (none between queries), so the slots end up null.
+bool initializeLibrary();
+
+// Unloads ADL and clears the table, all but the ADL_Overdrive6_FanSpeed_Get slot,
+// which the next initializeLibrary overwrites.
+void uninitializeLibrary();
+
+// ADL's memory callback: malloc of the size. What ADL allocates through it is
+// released with free.
+void* adlMainMemoryAlloc(int size);
+
+// The text of a fixed ADL string field: up to its first zero, and never past the
+// array, since the driver does not promise the zero.
+template <std::size_t N>
+std::string adlString(const char (&field)[N])
+{
+    return std::string(field, std::find(field, field + N, '\0'));
+}
+
+} // namespace libKestrel::adlwrapper

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "libKestrel/IGPU.h"
+#include "libKestrel/vendor/adl.h"
+
+namespace libKestrel {
+
+// The first pass's record of one ADL adapter: everything ADL tells about it.
+std::vector<std::shared_ptr<IGPU>> queryAMDGPU(const adl::AdapterInfo& info);
+
+// The second pass's record of one ADL adapter, its PCI location only; none when
+// ADL does not report the adapter as present. Makes no ADL call.
+std::vector<std::shared_ptr<IGPU>> queryPresentAMDGPU(const adl::AdapterInfo& info);
+
+} // namespace libKestrel

@@ -1,0 +1,179 @@
+#include "libKestrel/internal/multi/AMD/amd_adl.h"
+
+#include <cstdlib>
+
+#include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/ScopeExit.h"
+#include "libKestrel/internal/multi/AMD/adlwrapper.h"
+
+namespace libKestrel {
+namespace {
+
+using adlwrapper::adlBinding;
+using adlwrapper::adlString;
+using logging::log;
+using logging::Priority;
+using logging::shown;
+
+logging::LogSite site("libKestrel.ADL", "libKestrel/src/multi/AMD/amd_adl.cpp");
+
+struct Message {
+    const char* tag;
+    const char* text;
+};
+
+// Calls one ADL entry for a query. A missing entry, or any result but ADL_OK
+// (warnings included), is logged and gives false.
+template <class Entry, class... Args>
+bool callADL(Entry entry, const Message& missing, const Message& failed, Args... args)
+{
+    if (!entry) {
+        log(site, Priority::WARNING, missing.tag, missing.text);
+        return false;
+    }
+    const int code = entry(args...);
+    if (code != adl::ADL_OK) {
+        log(site, Priority::WARNING, failed.tag, failed.text, code);
+        return false;
+    }
+    return true;
+}
+
+// Conversions of ADL's signed fields to the record's unsigned properties keep
+// ADL's arithmetic (signed, truncating toward zero) and then take the bits as
+// they are, as a negative reading has always been passed on.
+std::uint32_t unsigned32(std::int64_t value) { return static_cast<std::uint32_t>(value); }
+std::uint64_t unsigned64(std::int64_t value) { return static_cast<std::uint64_t>(value); }
+
+} // namespace
+
+std::optional<std::string> query_VBIOSVersionString(int adapterIndex)
+{
+    auto trace = site.trace("query_VBIOSVersionString", 50);
+    adl::ADLBiosInfo bios{};
+    if (!callADL(adlBinding().functions.ADL_Adapter_VideoBiosInfo_Get,
+                 {"32 ", "Adapter_VideoBiosInfo_Get not available"},
+                 {"39 ", "Failed to retrieve ADL VBIOS version string: "}, adapterIndex, &bios))
+        return std::nullopt;
+    std::string version = adlString(bios.strVersion);
+    log(site, Priority::TRACE, "43 ", "VBIOS version: ", version);
+    return version;
+}
+
+std::optional<std::uint64_t> query_TemperatureCurrent(int adapterIndex)
+{
+    auto trace = site.trace("query_TemperatureCurrent", 63);
+    adl::ADLTemperature temperature{};
+    temperature.iSize = sizeof(adl::ADLTemperature);
+    // Thermal controller 0, the GPU's own.
+    if (!callADL(adlBinding().functions.ADL_Overdrive5_Temperature_Get,
+                 {"52 ", "Overdrive5_Temperature_Get not available"},
+                 {"61 ", "Failed to retrieve ADL temperature: "}, adapterIndex, 0, &temperature))
+        return std::nullopt;
+    log(site, Priority::TRACE, "65 ", "Temperature current (millidegrees Celsius): ", shown(temperature.iTemperature));
+    return unsigned64(temperature.iTemperature / 1000);
+}
+
+std::optional<bool> query_Crossfire(int adapterIndex)
+{
+    auto trace = site.trace("query_Crossfire", 77);
+    const adlwrapper::ADLFunctions& f = adlBinding().functions;
+    int preferred = 0;
+    int numComb = 0;
+    adl::ADLCrossfireComb* combinations = nullptr;
+    // ADL allocated the list through adlMainMemoryAlloc, that is with malloc.
+    ScopeExit release([&combinations] {
+        if (combinations) {
+            std::free(combinations);
+            combinations = nullptr;
+        }
+    });
+    if (!callADL(f.ADL_Adapter_Crossfire_Caps, {"75 ", "Adapter_Crossfire_Caps not available"},
+                 {"85 ", "Failed to retrieve ADL capabilities: "}, adapterIndex, &preferred, &numComb, &combinations))
+        return std::nullopt;
+    log(site, Priority::TRACE, "98 ", "Preferred CrossfireX chain index: ", preferred);
+    log(site, Priority::TRACE, "99 ", "Number of crossfire combinations: ", numComb);
+    if (numComb == 0) {
+        log(site, Priority::WARNING, "104 ", "No crossfire combinations found");
+        return std::nullopt;
+    }
+    // The preferred chain is an index into ADL's list; one outside the list (or
+    // no list at all) names no combination, and nothing past the list is read.
+    if (!combinations || preferred < 0 || preferred >= numComb) {
+        log(site, Priority::WARNING, "106 ", "Preferred crossfire combination outside the list: ", preferred);
+        return std::nullopt;
+    }
+    adl::ADLCrossfireComb& chain = combinations[preferred];
+    log(site, Priority::TRACE, "108 ", "Combination adapter count: ", chain.iNumLinkAdapter);
+
+    adl::ADLCrossfireInfo info{};
+    if (!callADL(f.ADL_Adapter_Crossfire_Get, {"111 ", "Adapter_Crossfire_Get not available"},
+                 {"119 ", "Failed to retrieve ADL crossfire: "}, adapterIndex, &chain, &info))
+        return std::nullopt;
+    // The third field, iSupported, decides; iState is not consulted.
+    const bool enabled = info.iSupported == 1;
+    log(site, Priority::TRACE, "130 ", "Croessfire enabled: ", shown(enabled));
+    return enabled;
+}
+
+AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
+{
+    auto trace = site.trace("query_ClockFrequencies", 119);
+    adl::ADLOD6CurrentStatus status{};
+    if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
+                 {"177 ", "Overdrive6_CurrentStatus_Get not available"},
+                 {"186 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
+        return {};
+    log(site, Priority::TRACE, "192 ", "Engine clock (ten-kHz): ", status.iEngineClock);
+    log(site, Priority::TRACE, "193 ", "Memory clock (ten-kHz): ", status.iMemoryClock);
+    // ADL counts in units of 10 kHz.
+    return {unsigned32(std::int64_t{status.iEngineClock} * 10), unsigned32(std::int64_t{status.iMemoryClock} * 10)};
+}
+
+std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
+{
+    auto trace = site.trace("query_UtilizationGPU", 133);
+    adl::ADLOD6CurrentStatus status{};
+    if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
+                 {"207 ", "Overdrive6_CurrentStatus_Get not available"},
+                 {"214 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
+        return std::nullopt;
+    log(site, Priority::TRACE, "218 ", "GPU utilization: ", status.iActivityPercent);
+    log(site, Priority::TRACE, "219 ", "Engine clock: ", status.iEngineClock);
+    log(site, Priority::TRACE, "220 ", "Memory clock: ", status.iMemoryClock);
+    log(site, Priority::TRACE, "221 ", "MaximumBusLanes: ", status.iMaximumBusLanes);
+    log(site, Priority::TRACE, "222 ", "CurrentBusSpeed: ", status.iCurrentBusSpeed);
+    log(site, Priority::TRACE, "223 ", "CurrentBusLanes: ", status.iCurrentBusLanes);
+    return unsigned32(status.iActivityPercent);
+}
+
+AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
+{
+    auto trace = site.trace("query_DedicatedMemory", 150);
+    adl::ADLMemoryInfo memory{};
+    if (!callADL(adlBinding().functions.ADL_Adapter_MemoryInfo_Get, {"232 ", "Adapter_MemoryInfo_Get not available"},
+                 {"241 ", "Failed to retrieve ADL adapter memoryinfo: "}, adapterIndex, &memory))
+        return {};
+    const std::int64_t kilobytes = memory.iMemorySize / 1024;
+    std::string type = adlString(memory.strMemoryType);
+    log(site, Priority::TRACE, "250 ", "Memory size: ", kilobytes);
+    log(site, Priority::TRACE, "251 ", "Memory type: ", type);
+    log(site, Priority::TRACE, "252 ", "Memory bandwidth: ", memory.iMemoryBandwidth);
+    return {unsigned64(memory.iMemoryBandwidth), std::move(type), unsigned64(kilobytes)};
+}
+
+AMDFanSpeed query_FanSpeed(int adapterIndex)
+{
+    auto trace = site.trace("query_FanSpeed", 165);
+    adl::ADLOD6FanSpeedInfo fan{};
+    fan.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
+    if (!callADL(adlBinding().functions.ADL_Overdrive6_FanSpeed_Get, {"263 ", "Overdrive6_FanSpeed_Get not available"},
+                 {"274 ", "Failed to retrieve ADL fanspeed info: "}, adapterIndex, &fan))
+        return {};
+    log(site, Priority::TRACE, "280 ", "FanSpeed %: ", fan.iFanSpeedPercent);
+    log(site, Priority::TRACE, "281 ", "FanSpeed RPM: ", fan.iFanSpeedRPM);
+    // Both are kept whatever iSpeedType says was filled.
+    return {unsigned32(fan.iFanSpeedPercent), unsigned32(fan.iFanSpeedRPM)};
+}
+
+} // namespace libKestrel

@@ -1,0 +1,202 @@
+#include "libKestrel/internal/multi/AMDGPUQuerierMulti.h"
+
+#include <climits>
+#include <optional>
+
+#include "libKestrel/GPU.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/ScopeExit.h"
+#include "libKestrel/internal/multi/AMD/adlwrapper.h"
+#include "libKestrel/internal/multi/AMD/amd_adl.h"
+#include "libKestrel/internal/multi/AMD/amd_adl2.h"
+
+namespace libKestrel {
+namespace {
+
+using adlwrapper::adlBinding;
+using adlwrapper::adlMainMemoryAlloc;
+using adlwrapper::adlString;
+using logging::log;
+using logging::Priority;
+using Records = std::vector<std::shared_ptr<IGPU>>;
+
+logging::LogSite site("libKestrel.AMDGPUQuerierMulti", "libKestrel/src/multi/AMDGPUQuerierMulti.cpp");
+
+// Both passes enumerate alike and say the same words; only the tags differ.
+struct PassTags {
+    const char* countMissing;
+    const char* countFailed;
+    const char* counted;
+    const char* infoMissing;
+    const char* infoFailed;
+};
+constexpr PassTags adlTags{"156 ", "164 ", "171 ", "174 ", "182 "};
+constexpr PassTags adl2Tags{"214 ", "221 ", "228 ", "232 ", "239 "};
+
+// ADL takes the list's size in bytes as an int: no longer list can be asked for.
+constexpr int maxAdapterCount = static_cast<int>(INT_MAX / sizeof(adl::AdapterInfo));
+
+// ADL's adapter list through one interface's count and list entries; 'context'
+// is the ADL2 context, or nothing for the first interface. Empty after a logged
+// failure. Entries ADL leaves unfilled read as zeros.
+template <class CountEntry, class InfoEntry, class... Context>
+std::optional<std::vector<adl::AdapterInfo>> readAdapters(const PassTags& tags, CountEntry countEntry,
+                                                          InfoEntry infoEntry, Context... context)
+{
+    if (!countEntry) {
+        log(site, Priority::WARNING, tags.countMissing, "Adapter_NumberOfAdapters_Get not available");
+        return std::nullopt;
+    }
+    int count = 0;
+    const int counted = countEntry(context..., &count);
+    if (counted != adl::ADL_OK) {
+        log(site, Priority::CRITICAL, tags.countFailed, "Failed to retrieve the adapter count: ", counted);
+        return std::nullopt;
+    }
+    log(site, Priority::TRACE, tags.counted, "Enumerated AMD adapter count: ", count);
+    if (!infoEntry) {
+        log(site, Priority::WARNING, tags.infoMissing, "Adapter_AdapterInfo_Get not available");
+        return std::nullopt;
+    }
+    std::vector<adl::AdapterInfo> adapters;
+    if (count < 1)
+        return adapters; // nothing to ask for
+    if (count > maxAdapterCount) {
+        // ADL would refuse such a buffer size; refuse it for ADL.
+        log(site, Priority::CRITICAL, tags.infoFailed, "Failed to retrieve the adapter info: ",
+            adl::ADL_ERR_INVALID_PARAM_SIZE);
+        return std::nullopt;
+    }
+    adapters.resize(static_cast<std::size_t>(count));
+    const int size = count * static_cast<int>(sizeof(adl::AdapterInfo));
+    const int filled = infoEntry(context..., adapters.data(), size);
+    if (filled != adl::ADL_OK) {
+        log(site, Priority::CRITICAL, tags.infoFailed, "Failed to retrieve the adapter info: ", filled);
+        return std::nullopt;
+    }
+    return adapters;
+}
+
+void append(Records& result, const Records& records) { result.insert(result.end(), records.begin(), records.end()); }
+
+// The adapter's place on the bus; ADL has no domain, and its numbers are cut to
+// the 8 bits of a PCI bus, device and function.
+pci::PciLocation adapterLocation(const adl::AdapterInfo& info, const char* tag)
+{
+    const pci::PciLocation location(static_cast<unsigned char>(info.iBusNumber),
+                                    static_cast<unsigned char>(info.iDeviceNumber),
+                                    static_cast<unsigned char>(info.iFunctionNumber), 0);
+    log(site, Priority::TRACE, tag, "Found PCI location information: ", location.toString(true));
+    return location;
+}
+
+// First pass, through ADL's first interface. False when it ended early, in which
+// case the second pass is not tried.
+bool queryAdapters(Records& result)
+{
+    const adlwrapper::ADLFunctions& f = adlBinding().functions;
+    if (!f.ADL_Main_Control_Create) {
+        log(site, Priority::WARNING, "142 ", "Main_Control_Create not available");
+        return false;
+    }
+    // 1: enumerate connected adapters only.
+    const int created = f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1);
+    if (created != adl::ADL_OK) {
+        log(site, Priority::WARNING, "149 ", "Failed to create main control: ", created);
+        return false;
+    }
+    // A library without the destroy entry has nothing to call.
+    ScopeExit destroy([destroyControl = f.ADL_Main_Control_Destroy] {
+        if (destroyControl)
+            destroyControl();
+    });
+    const auto adapters = readAdapters(adlTags, f.ADL_Adapter_NumberOfAdapters_Get, f.ADL_Adapter_AdapterInfo_Get);
+    if (!adapters)
+        return false;
+    for (const adl::AdapterInfo& info : *adapters)
+        append(result, queryAMDGPU(info)); // present or not
+    return true;
+}
+
+// Second pass, through an ADL2 context of its own.
+void queryPresentAdapters(Records& result)
+{
+    const adlwrapper::ADLFunctions& f = adlBinding().functions;
+    if (!f.ADL2_Main_Control_Create) {
+        log(site, Priority::WARNING, "197 ", "Main_Control_Create not available");
+        return;
+    }
+    adl::ADL_CONTEXT_HANDLE context = nullptr;
+    const int created = f.ADL2_Main_Control_Create(adlMainMemoryAlloc, 1, &context);
+    if (created != adl::ADL_OK) {
+        log(site, Priority::WARNING, "205 ", "Error initializing ADL2: ", created);
+        return;
+    }
+    ScopeExit destroy([destroyContext = f.ADL2_Main_Control_Destroy, context] {
+        if (destroyContext)
+            destroyContext(context);
+    });
+    const auto adapters =
+        readAdapters(adl2Tags, f.ADL2_Adapter_NumberOfAdapters_Get, f.ADL2_Adapter_AdapterInfo_Get, context);
+    if (!adapters)
+        return;
+    for (const adl::AdapterInfo& info : *adapters)
+        append(result, queryPresentAMDGPU(info));
+}
+
+} // namespace
+
+Records queryAMDGPU(const adl::AdapterInfo& info)
+{
+    auto trace = site.trace("queryAMDGPU", 150);
+    log(site, Priority::TRACE, "49 ", "Adapter present: ", info.iPresent);
+    const auto gpu = std::make_shared<GPU>(adapterLocation(info, "57 "));
+    const int index = info.iAdapterIndex;
+    gpu->setName(adlString(info.strAdapterName));
+    gpu->setUUID(adlString(info.strUDID));
+    gpu->setHardwareAcceleration(true);
+    gpu->setVBIOSVersion(query_VBIOSVersionString(index));
+    gpu->setCrossfire(query_Crossfire(index));
+    gpu->setTemperatureCurrent(query_TemperatureCurrent(index));
+    const AMDClockFrequencies clocks = query_ClockFrequencies(index);
+    gpu->setGraphicsClock(clocks.engine);
+    gpu->setMemoryClock(clocks.memory);
+    gpu->setUtilizationGPU(query_UtilizationGPU(index));
+    const AMDMemoryInfo memory = query_DedicatedMemory(index);
+    gpu->setDedicatedMemory(memory.size);
+    gpu->setMemoryBandwidth(memory.bandwidth);
+    const AMDFanSpeed fan = query_FanSpeed(index);
+    gpu->setFanSpeedPercent(fan.percent);
+    gpu->setFanSpeedRPM(fan.rpm);
+    return {gpu};
+}
+
+Records queryPresentAMDGPU(const adl::AdapterInfo& info)
+{
+    auto trace = site.trace("queryPresentAMDGPU", 175);
+    log(site, Priority::TRACE, "96 ", "Adapter present: ", info.iPresent);
+    if (info.iPresent == 0) {
+        log(site, Priority::WARNING, "98 ", "Adapter considered not present, not enumerating");
+        return {};
+    }
+    const auto gpu = std::make_shared<GPU>(adapterLocation(info, "108 "));
+    gpu->setCoreCount(query_CoreInfo());
+    return {gpu};
+}
+
+Records queryAMDGPUsMulti(std::bitset<4>&)
+{
+    auto trace = site.trace("queryAMDGPUsMulti", 188);
+    Records result;
+    if (!adlwrapper::initializeLibrary()) {
+        log(site, Priority::WARNING, "134 ", "Failed to load AMD Display Library");
+        return result;
+    }
+    ScopeExit unload(adlwrapper::uninitializeLibrary);
+    if (queryAdapters(result))
+        queryPresentAdapters(result);
+    return result;
+}
+
+} // namespace libKestrel

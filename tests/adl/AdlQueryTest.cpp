@@ -1,0 +1,223 @@
+// The AMD source end to end against the simulated ADL: its two passes, what each
+// failure leaves behind, and the merge of one card's adapters.
+#include <algorithm>
+#include <bitset>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "adl/AdlTesting.h"
+#include "common/Simulator.h"
+#include "libKestrel/Query.h"
+
+namespace {
+
+using namespace kestrel::test::adl;
+
+const char* const querier = "libKestrel.AMDGPUQuerierMulti";
+
+// What the ADL queries say about one adapter of radeon().
+const Lines radeonReadings = {"1|43 VBIOS version: 113-D4120100-101",
+                              "1|98 Preferred CrossfireX chain index: 0",
+                              "1|99 Number of crossfire combinations: 1",
+                              "1|108 Combination adapter count: 2",
+                              "1|130 Croessfire enabled: true",
+                              "1|65 Temperature current (millidegrees Celsius): 54321",
+                              "1|192 Engine clock (ten-kHz): 225000",
+                              "1|193 Memory clock (ten-kHz): 100000",
+                              "1|218 GPU utilization: 37",
+                              "1|219 Engine clock: 225000",
+                              "1|220 Memory clock: 100000",
+                              "1|221 MaximumBusLanes: 16",
+                              "1|222 CurrentBusSpeed: 16000",
+                              "1|223 CurrentBusLanes: 8",
+                              "1|250 Memory size: 16760832",
+                              "1|251 Memory type: GDDR6",
+                              "1|252 Memory bandwidth: 512000",
+                              "1|280 FanSpeed %: 41",
+                              "1|281 FanSpeed RPM: 1650"};
+
+void expectFullRadeonRecord(const libKestrel::IGPU& gpu)
+{
+    EXPECT_EQ(gpu.pciLocation(), pci::PciLocation(3, 0, 0, 0));
+    EXPECT_EQ(gpu.name(), "AMD Radeon RX 6800");
+    EXPECT_EQ(gpu.uuid(), "PCI_VEN_1002&DEV_73BF&SUBSYS_0E3A1002&REV_C3");
+    EXPECT_EQ(gpu.hardwareAcceleration(), true);
+    EXPECT_EQ(gpu.vbiosVersion(), "113-D4120100-101");
+    EXPECT_EQ(gpu.crossfire(), true);
+    EXPECT_EQ(gpu.temperatureCurrent(), 54u);
+    EXPECT_EQ(gpu.graphicsClock(), 2250000u);
+    EXPECT_EQ(gpu.memoryClock(), 1000000u);
+    EXPECT_EQ(gpu.utilizationGPU(), 37u);
+    EXPECT_EQ(gpu.dedicatedMemory(), 16760832u);
+    EXPECT_EQ(gpu.memoryBandwidth(), 512000u);
+    EXPECT_EQ(gpu.fanSpeedPercent(), 41u);
+    EXPECT_EQ(gpu.fanSpeedRPM(), 1650u);
+    EXPECT_FALSE(gpu.coreCount());
+}
+
+size_t position(const Lines& journal, const std::string& event)
+{
+    return static_cast<size_t>(std::find(journal.begin(), journal.end(), event) - journal.begin());
+}
+
+TEST(AmdQuery, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAdapter)
+{
+    SimulatedMachine machine(radeon().dump());
+    LogCapture capture;
+    const Records records = queryAMD();
+
+    ASSERT_EQ(records.size(), 5u) << "three first-pass records, two present adapters in the second pass";
+    for (int i = 0; i < 3; ++i)
+        expectFullRadeonRecord(*records[i]);
+    for (int i = 3; i < 5; ++i) {
+        EXPECT_EQ(records[i]->pciLocation(), pci::PciLocation(3, 0, 0, 0));
+        EXPECT_FALSE(records[i]->name());
+        EXPECT_FALSE(records[i]->hardwareAcceleration());
+        EXPECT_FALSE(records[i]->coreCount()) << "AMD core counts are not reported";
+    }
+
+    EXPECT_EQ(messages(capture, querier),
+              (Lines{"1|171 Enumerated AMD adapter count: 3",
+                     "1|49 Adapter present: 1", "1|57 Found PCI location information: 0000:03:00.0",
+                     "1|49 Adapter present: 0", "1|57 Found PCI location information: 0000:03:00.0",
+                     "1|49 Adapter present: 1", "1|57 Found PCI location information: 0000:03:00.0",
+                     "1|228 Enumerated AMD adapter count: 3",
+                     "1|96 Adapter present: 1", "1|108 Found PCI location information: 0000:03:00.0",
+                     "1|96 Adapter present: 0", "3|98 Adapter considered not present, not enumerating",
+                     "1|96 Adapter present: 1", "1|108 Found PCI location information: 0000:03:00.0"}));
+    Lines readings;
+    for (int i = 0; i < 3; ++i)
+        readings.insert(readings.end(), radeonReadings.begin(), radeonReadings.end());
+    EXPECT_EQ(messages(capture, "libKestrel.ADL"), readings);
+    EXPECT_TRUE(messages(capture, "libKestrel.ADL2").empty());
+    // The release is traced under the load's name.
+    EXPECT_EQ(capture.count("Entering initializeLibrary (libKestrel/src/multi/AMD/adlwrapper.cpp:"), 2u);
+    EXPECT_EQ(capture.count("Entering query_CoreInfo "), 2u);
+
+    // The first pass's main control ends before the second pass's context begins.
+    const Lines journal = machine.journal();
+    EXPECT_LT(position(journal, "ADL main control destroyed"), position(journal, "ADL2 context 1 created"));
+    EXPECT_LT(position(journal, "ADL2 context 1 destroyed"), journal.size());
+    expectClosedAndUnloaded(machine);
+    expectReleased();
+}
+
+TEST(AmdQuery, TheAdaptersOfOneCardMergeIntoOneRecord)
+{
+    SimulatedMachine machine(radeon().dump());
+    std::bitset<4> status;
+    const Records merged = libKestrel::queryAllGPUs({}, {libKestrel::queryAMDGPUsMulti}, status);
+    ASSERT_EQ(merged.size(), 1u);
+    expectFullRadeonRecord(*merged[0]);
+    expectReleased();
+}
+
+struct FailedPass {
+    const char* faults;
+    Lines failures; // the querier's lines at priority 3 and above
+    size_t records;
+};
+
+void expectFailedPass(const FailedPass& pass)
+{
+    SCOPED_TRACE(pass.faults);
+    json scenario = radeon();
+    scenario["faults"] = json::parse(pass.faults);
+    SimulatedMachine machine(scenario.dump());
+    LogCapture capture(Priority::WARNING);
+    const Records records = queryAMD();
+    EXPECT_EQ(records.size(), pass.records);
+    EXPECT_EQ(capture.of(querier), pass.failures);
+    expectClosedAndUnloaded(machine);
+    expectReleased();
+}
+
+TEST(AmdQuery, AFirstPassFailureEndsTheQueryWithoutRecordsOrSecondPass)
+{
+    const FailedPass failures[] = {
+        {R"({"ADL_Main_Control_Create": {"return": -1}})", {"3|149 Failed to create main control: -1"}, 0},
+        {R"({"ADL_Adapter_NumberOfAdapters_Get": {"return": -2}})", {"4|164 Failed to retrieve the adapter count: -2"}, 0},
+        // A warning is no success either.
+        {R"({"ADL_Adapter_AdapterInfo_Get": {"return": 1}})", {"4|182 Failed to retrieve the adapter info: 1"}, 0},
+        // More adapters than ADL's int size argument can hold: not asked for.
+        {R"({"ADL_Adapter_NumberOfAdapters_Get": {"count": 2147483647}})",
+         {"4|182 Failed to retrieve the adapter info: -4"}, 0},
+    };
+    for (const FailedPass& pass : failures)
+        expectFailedPass(pass);
+
+    SimulatedMachine machine(R"({"faults": {"ADL_Main_Control_Create": {"return": -1}}})");
+    queryAMD();
+    EXPECT_EQ(machine.count("ADL main control destroyed"), 0u) << "a control that was not created is not destroyed";
+    EXPECT_EQ(machine.count("ADL2_Main_Control_Create"), 0u);
+}
+
+TEST(AmdQuery, ASecondPassFailureKeepsTheFirstPassRecords)
+{
+    const FailedPass failures[] = {
+        {R"({"ADL2_Main_Control_Create": {"return": -3}})", {"3|205 Error initializing ADL2: -3"}, 3},
+        {R"({"ADL2_Adapter_NumberOfAdapters_Get": {"return": -1}})", {"4|221 Failed to retrieve the adapter count: -1"}, 3},
+        {R"({"ADL2_Adapter_AdapterInfo_Get": {"return": -4}})", {"4|239 Failed to retrieve the adapter info: -4"}, 3},
+    };
+    for (const FailedPass& pass : failures)
+        expectFailedPass(pass);
+}
+
+TEST(AmdQuery, AnEmptyAdapterListIsNoFailure)
+{
+    // The first pass sees no adapter; the second still runs and reports the present ones.
+    json scenario = radeon();
+    scenario["faults"] = json::parse(R"({"ADL_Adapter_NumberOfAdapters_Get": {"count": 0}})");
+    SimulatedMachine machine(scenario.dump());
+    LogCapture capture(Priority::WARNING);
+    const Records records = queryAMD();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_FALSE(records[0]->name());
+    EXPECT_EQ(capture.of(querier), (Lines{"3|98 Adapter considered not present, not enumerating"}));
+    EXPECT_EQ(machine.count("ADL_Adapter_AdapterInfo_Get"), 0u) << "nothing to ask for";
+    expectClosedAndUnloaded(machine);
+
+    SimulatedMachine withoutAmd(R"({"gpus": [{"name": "A card without ADL", "pci": {"bus": 1}}]})");
+    EXPECT_TRUE(queryAMD().empty());
+    EXPECT_EQ(withoutAmd.count("ADL2_Adapter_NumberOfAdapters_Get"), 1u);
+    expectReleased();
+}
+
+TEST(AdlWithoutAdl2, TheFirstPassRecordsAreReturned)
+{
+    SimulatedMachine machine(radeon().dump());
+    LogCapture capture(Priority::WARNING);
+    EXPECT_EQ(queryAMD().size(), 3u);
+    EXPECT_EQ(capture.of(querier), (Lines{"3|197 Main_Control_Create not available"}));
+    expectClosedAndUnloaded(machine);
+    expectReleased();
+}
+
+TEST(AdlWithoutMemoryInfo, RecordsLackOnlyTheMemoryProperties)
+{
+    SimulatedMachine machine(radeon().dump());
+    LogCapture capture(Priority::WARNING);
+    const Records records = queryAMD();
+    ASSERT_EQ(records.size(), 5u);
+    EXPECT_FALSE(records[0]->dedicatedMemory());
+    EXPECT_FALSE(records[0]->memoryBandwidth());
+    EXPECT_EQ(records[0]->fanSpeedRPM(), 1650u);
+    EXPECT_EQ(capture.of("libKestrel.ADL"), (Lines(3, "3|232 Adapter_MemoryInfo_Get not available")));
+    expectReleased();
+}
+
+TEST(AdlAbsent, NoLibraryNoRecords)
+{
+    LogCapture capture;
+    EXPECT_TRUE(queryAMD().empty());
+    EXPECT_EQ(messages(capture, querier), (Lines{"3|134 Failed to load AMD Display Library"}));
+    EXPECT_TRUE(messages(capture, "libKestrel.ADL").empty()) << "the binding itself says nothing";
+
+    EXPECT_FALSE(libKestrel::adlwrapper::initializeLibrary());
+    expectReleased();
+    EXPECT_EQ(libKestrel::adlwrapper::adlBinding().functions.ADL_Overdrive6_FanSpeed_Get, nullptr);
+}
+
+} // namespace
