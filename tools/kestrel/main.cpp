@@ -17,7 +17,10 @@
 namespace {
 
 // The library's own GPU sources, in the order their records are merged.
-const std::vector<libKestrel::GPUQuerier> gpuSources = {};
+const std::vector<libKestrel::GPUQuerier> gpuSources = {
+    libKestrel::queryNVidiaCudaGPUsMulti,
+    libKestrel::queryAMDGPUsMulti,
+};
 
 void report(const kestrel::Options& options)
 {
