@@ -14,4 +14,9 @@ namespace libKestrel {
 // place on the PCI bus, and releases the library before it returns. A vendor
 // that is missing or failing yields fewer records, never an exception.
 
+// NVIDIA GPUs through NVAPI: name, driver and VBIOS versions, core count,
+// dedicated memory, current clocks, bus type, ECC state and SLI membership.
+// Leaves the status set alone.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUs(std::bitset<4>& status);
+
 } // namespace libKestrel
