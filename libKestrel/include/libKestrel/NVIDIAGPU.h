@@ -16,10 +16,11 @@ namespace libKestrel {
 // object is built; every other answer is read from NVAPI when asked.
 //
 // NVAPI lifetime: an object built by a constructor initialises NVAPI, and every
-// object that is destroyed unloads it once, copies and moved-from objects
-// included, although copies and moves never initialise it. So the objects alone
-// do not keep NVAPI up: hold an NvAPIInitializer for as long as you use them.
-// When NVAPI is down, questions answer as failures (false, 0, nothing).
+// object that is destroyed unloads it once, although copies and moves never
+// initialise it. So a dying copy, or the temporaries and lists that enumerate
+// and the PCI-location constructor use, can take NVAPI down while other objects
+// live; their questions then answer as failures (false, 0, nothing), never
+// crash. NvAPIInitializer objects of your own add references that keep it up.
 class LIBKESTREL_API NVIDIAGPU {
 public:
     // Initialises NVAPI when built and unloads it when destroyed; a copy
