@@ -109,6 +109,25 @@ void writeShortString(char* out, const std::string& text, const std::optional<si
     out[length] = '\0';
 }
 
+// A per-GPU scalar: the GPU's field, in the output's type.
+template <class Output, class Field>
+NvAPI_Status answer(const char* entry, NvPhysicalGpuHandle handle, Output* output, Field Gpu::*field)
+{
+    const GpuCall call = enterGpu(entry, handle, output != nullptr);
+    if (call.gpu)
+        *output = static_cast<Output>(call.gpu->*field);
+    return call.status;
+}
+
+// A per-GPU short string.
+NvAPI_Status answerText(const char* entry, NvPhysicalGpuHandle handle, char* output, std::string Gpu::*field)
+{
+    const GpuCall call = enterGpu(entry, handle, output != nullptr);
+    if (call.gpu)
+        writeShortString(output, call.gpu->*field, call.fault);
+    return call.status;
+}
+
 std::string statusName(NvAPI_Status status)
 {
     switch (status) {
@@ -177,26 +196,17 @@ NvAPI_Status NvAPI_EnumPhysicalGPUs(NvPhysicalGpuHandle* handles, NvU32* count)
 
 NvAPI_Status NvAPI_GPU_GetBusId(NvPhysicalGpuHandle gpu, NvU32* busId)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetBusId", gpu, busId != nullptr);
-    if (call.gpu)
-        *busId = call.gpu->busId;
-    return call.status;
+    return answer("NvAPI_GPU_GetBusId", gpu, busId, &Gpu::busId);
 }
 
 NvAPI_Status NvAPI_GPU_GetBusSlotId(NvPhysicalGpuHandle gpu, NvU32* slotId)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetBusSlotId", gpu, slotId != nullptr);
-    if (call.gpu)
-        *slotId = call.gpu->slotId;
-    return call.status;
+    return answer("NvAPI_GPU_GetBusSlotId", gpu, slotId, &Gpu::slotId);
 }
 
 NvAPI_Status NvAPI_GPU_GetFullName(NvPhysicalGpuHandle gpu, char* name)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetFullName", gpu, name != nullptr);
-    if (call.gpu)
-        writeShortString(name, call.gpu->name, call.fault);
-    return call.status;
+    return answerText("NvAPI_GPU_GetFullName", gpu, name, &Gpu::name);
 }
 
 NvAPI_Status NvAPI_SYS_GetDriverAndBranchVersion(NvU32* driverVersion, char* branch)
@@ -212,10 +222,7 @@ NvAPI_Status NvAPI_SYS_GetDriverAndBranchVersion(NvU32* driverVersion, char* bra
 
 NvAPI_Status NvAPI_GPU_GetVbiosVersionString(NvPhysicalGpuHandle gpu, char* revision)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetVbiosVersionString", gpu, revision != nullptr);
-    if (call.gpu)
-        writeShortString(revision, call.gpu->vbios, call.fault);
-    return call.status;
+    return answerText("NvAPI_GPU_GetVbiosVersionString", gpu, revision, &Gpu::vbios);
 }
 
 NvAPI_Status NvAPI_GPU_GetMemoryInfo(NvPhysicalGpuHandle gpu, NV_DISPLAY_DRIVER_MEMORY_INFO* info)
@@ -258,18 +265,12 @@ NvAPI_Status NvAPI_GPU_GetAllClockFrequencies(NvPhysicalGpuHandle gpu, NV_GPU_CL
 
 NvAPI_Status NvAPI_GPU_GetBusType(NvPhysicalGpuHandle gpu, NV_GPU_BUS_TYPE* busType)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetBusType", gpu, busType != nullptr);
-    if (call.gpu)
-        *busType = static_cast<NV_GPU_BUS_TYPE>(call.gpu->busType);
-    return call.status;
+    return answer("NvAPI_GPU_GetBusType", gpu, busType, &Gpu::busType);
 }
 
 NvAPI_Status NvAPI_GPU_GetGpuCoreCount(NvPhysicalGpuHandle gpu, NvU32* count)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetGpuCoreCount", gpu, count != nullptr);
-    if (call.gpu)
-        *count = call.gpu->coreCount;
-    return call.status;
+    return answer("NvAPI_GPU_GetGpuCoreCount", gpu, count, &Gpu::coreCount);
 }
 
 // The "null" fault hands out a null logical GPU with success.
@@ -343,18 +344,12 @@ NvAPI_Status NvAPI_GPU_GetThermalSettings(NvPhysicalGpuHandle gpu, NvU32 sensorI
 
 NvAPI_Status NvAPI_GPU_GetTachReading(NvPhysicalGpuHandle gpu, NvU32* rpm)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetTachReading", gpu, rpm != nullptr);
-    if (call.gpu)
-        *rpm = call.gpu->tach;
-    return call.status;
+    return answer("NvAPI_GPU_GetTachReading", gpu, rpm, &Gpu::tach);
 }
 
 NvAPI_Status NvAPI_GPU_GetSystemType(NvPhysicalGpuHandle gpu, NV_SYSTEM_TYPE* systemType)
 {
-    const GpuCall call = enterGpu("NvAPI_GPU_GetSystemType", gpu, systemType != nullptr);
-    if (call.gpu)
-        *systemType = static_cast<NV_SYSTEM_TYPE>(call.gpu->systemType);
-    return call.status;
+    return answer("NvAPI_GPU_GetSystemType", gpu, systemType, &Gpu::systemType);
 }
 
 NvAPI_Status NvAPI_Stereo_IsEnabled(NvU8* enabled)
