@@ -19,4 +19,10 @@ namespace libKestrel {
 // Leaves the status set alone.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUs(std::bitset<4>& status);
 
+// Every device that NVIDIA's CUDA runtime reports, with its name, compute
+// capability, graphics and memory clocks and memory bus width. The PCI location
+// is CUDA's bus and device number with function 0 and domain 0, so the records
+// meet the other NVIDIA sources' records in the merge. 'status' is left alone.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaCudaGPUsMulti(std::bitset<4>& status);
+
 } // namespace libKestrel

@@ -7,6 +7,7 @@
 #include "libKestrel/GPUProperties.h"
 #include "libKestrel/IGPU.h"
 #include "libKestrel/NVIDIAGPU.h"
+#include "libKestrel/Optimus.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
 #include "pci/PciLocation.h"
