@@ -17,6 +17,7 @@ int main()
     // while the GPUs are asked; without NVIDIA's driver there is nothing to list.
     const libKestrel::NVIDIAGPU::NvAPIInitializer nvapi;
     std::vector<libKestrel::NVIDIAGPU> nvidia;
-    std::printf("%lu NVIDIA GPUs through NVAPI\n", static_cast<unsigned long>(libKestrel::NVIDIAGPU::enumerate(nvidia)));
+    const auto found = static_cast<unsigned long>(libKestrel::NVIDIAGPU::enumerate(nvidia));
+    std::printf("%lu NVIDIA GPUs through NVAPI\n", found);
     return record->isSameGPU(libKestrel::GPU(pci::PciLocation(0x65, 0, 0, 0))) ? 0 : 1;
 }

@@ -60,7 +60,8 @@ Clock readClock(const json& value)
 void readClocks(const json& clocks, Gpu& gpu)
 {
     const char* const types[clockTypes] = {"current", "base", "boost"};
-    const std::pair<const char*, std::size_t> domains[] = {{"graphics", 0}, {"memory", 4}, {"processor", 7}, {"video", 8}};
+    const std::pair<const char*, std::size_t> domains[] = {
+        {"graphics", 0}, {"memory", 4}, {"processor", 7}, {"video", 8}};
     for (std::size_t type = 0; type < clockTypes; ++type)
         for (const auto& [name, index] : domains)
             gpu.clocks[type][index] = readClock(member(member(clocks, types[type]), name));

@@ -79,7 +79,7 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
     EXPECT_EQ(gpus.size(), 2u) << "a failed enumeration leaves the list alone";
     EXPECT_EQ(gpus[0].name(), "Quadro RTX 8000");
     EXPECT_EQ(messages(capture, logger),
-              (std::vector<std::string>{"3|28 Function : NvAPI_EnumPhysicalGPUs returns NVAPI_NVIDIA_DEVICE_NOT_FOUND"}));
+              std::vector<std::string>{"3|28 Function : NvAPI_EnumPhysicalGPUs returns NVAPI_NVIDIA_DEVICE_NOT_FOUND"});
 
     EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
     EXPECT_TRUE(gpus.empty()) << "no GPUs empties the list";
@@ -159,8 +159,8 @@ TEST_F(NvidiaGpu, TemperaturesAreReadByPositionForEachGpuSensor)
 
 TEST_F(NvidiaGpu, AnAbsurdSensorCountNeverReadsPastTheSensorArray)
 {
-    SimulatedMachine simulated(R"({"gpus": [{"pci": {"bus": 1}, "nvapi": {"thermal": [{"target": 1, "current": 40},
-                                                                                        {"target": 1, "current": 41}]}}],
+    SimulatedMachine simulated(R"({"gpus": [{"pci": {"bus": 1}, "nvapi": {"thermal": [
+                                       {"target": 1, "current": 40}, {"target": 1, "current": 41}]}}],
                                   "faults": {"NvAPI_GPU_GetThermalSettings": {"count": 1000}}})");
     const HeldNvapi nvapi(8);
     std::vector<NVIDIAGPU> gpus;
@@ -190,7 +190,8 @@ TEST_F(NvidiaGpu, AnOldDriverIsAskedForThermalSettingsOfTheFirstRevision)
 
 TEST_F(NvidiaGpu, ClocksAreWholeMegahertzWhateverThePresentBits)
 {
-    SimulatedMachine simulated(machine(R"(, "faults": {"NvAPI_GPU_GetAllClockFrequencies": {"call": 2, "return": -1}})"));
+    SimulatedMachine simulated(
+        machine(R"(, "faults": {"NvAPI_GPU_GetAllClockFrequencies": {"call": 2, "return": -1}})"));
     const HeldNvapi nvapi(8);
     std::vector<NVIDIAGPU> gpus;
     ASSERT_EQ(NVIDIAGPU::enumerate(gpus), 2u);
@@ -235,7 +236,8 @@ TEST_F(NvidiaGpu, SliMembershipListsTheOtherGpusOfTheGroup)
 
     EXPECT_FALSE(gpus[1].isInSLI(others));
     EXPECT_EQ(capture.of(logger),
-              (std::vector<std::string>{"3|28 Function : NvAPI_GetLogicalGPUFromPhysicalGPU returns NVAPI_NOT_SUPPORTED"}));
+              std::vector<std::string>{"3|28 Function : NvAPI_GetLogicalGPUFromPhysicalGPU returns "
+                                       "NVAPI_NOT_SUPPORTED"});
 
     // A count beyond the handles written sends empty handles to the handle
     // constructor, whose unreadable bus throws; nothing is read past the array.
@@ -328,7 +330,8 @@ TEST_F(NvidiaGpu, ACopyLetsNvapiGoUnderTheOriginal)
     EXPECT_FALSE(gpus[0].currentTemperature(temps));
     EXPECT_EQ(gpus[0].name(), "Quadro RTX 8000") << "captured when it was built";
     // NVAPI cannot describe its status while it is down: the number stands in.
-    EXPECT_EQ(capture.of(logger), (std::vector<std::string>{"3|28 Function : NvAPI_GPU_GetThermalSettings returns -4"}));
+    EXPECT_EQ(capture.of(logger),
+              std::vector<std::string>{"3|28 Function : NvAPI_GPU_GetThermalSettings returns -4"});
 }
 
 } // namespace

@@ -132,7 +132,8 @@ TEST(NvapiPartial, AMissingEntryCostsOnlyWhatItWouldHaveAnswered)
         std::vector<float> temps;
         EXPECT_FALSE(gpus[0].currentTemperature(temps)) << "no sensors could be listed";
         EXPECT_EQ(capture.of("libKestrel"),
-                  (std::vector<std::string>{"3|28 Function : NvAPI_GPU_GetThermalSettings returns NVAPI_NO_IMPLEMENTATION"}));
+                  std::vector<std::string>{"3|28 Function : NvAPI_GPU_GetThermalSettings returns "
+                                           "NVAPI_NO_IMPLEMENTATION"});
     }
     expectNvapiReleased();
 }

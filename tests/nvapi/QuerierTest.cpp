@@ -290,7 +290,8 @@ TEST(NvapiQuerier, BadDriverDataCostsPropertiesNotTheHost)
     EXPECT_EQ(records[1]->name(), std::string("Simulated NVIDIA GPU"));
     EXPECT_EQ(records[0]->sli(), true);
     EXPECT_FALSE(records[1]->sli().has_value()) << "a null logical GPU cannot be asked";
-    EXPECT_TRUE(capture.has(perProperty, 3, "240 Could not retrieve the physical GPUs from the logical GPU handle: -5"));
+    EXPECT_TRUE(
+        capture.has(perProperty, 3, "240 Could not retrieve the physical GPUs from the logical GPU handle: -5"));
     EXPECT_EQ(records[0]->driverVersion(), "452.6");
     EXPECT_TRUE(capture.has(perProperty, 1, "83 Driver version branch: r452_06" + std::string(64 - 7, '#')));
     expectNvapiReleased();
