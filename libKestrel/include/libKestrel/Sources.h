@@ -14,6 +14,11 @@ namespace libKestrel {
 // place on the PCI bus, and releases the library before it returns. A vendor
 // that is missing or failing yields fewer records, never an exception.
 
+// NVIDIA GPUs through NVAPI: name, driver and VBIOS versions, core count,
+// dedicated memory, current clocks, bus type, ECC state and SLI membership.
+// Leaves the status set alone.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUs(std::bitset<4>& status);
+
 // Every device that NVIDIA's CUDA runtime reports, with its name, compute
 // capability, graphics and memory clocks and memory bus width. The PCI location
 // is CUDA's bus and device number with function 0 and domain 0, so the records

@@ -1,10 +1,12 @@
 #pragma once
 
-// Everything a host needs: the GPU record and the queries that fill it.
+// Everything a host needs: the GPU record, the queries that fill it and the
+// vendor device classes.
 #include "libKestrel/Export.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"
 #include "libKestrel/IGPU.h"
+#include "libKestrel/NVIDIAGPU.h"
 #include "libKestrel/Optimus.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"

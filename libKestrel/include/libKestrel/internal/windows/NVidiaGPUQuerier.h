@@ -1,0 +1,16 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "libKestrel/IGPU.h"
+#include "libKestrel/vendor/nvapi.h"
+
+namespace libKestrel {
+
+// The record of one NVAPI GPU: none when its PCI location cannot be read,
+// otherwise one record with every property NVAPI could give. NVAPI must be
+// initialised.
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle const& handle);
+
+} // namespace libKestrel

@@ -1,0 +1,94 @@
+#include "libKestrel/internal/windows/NVidiaGPUQuerier.h"
+
+#include <algorithm>
+
+#include "libKestrel/GPU.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/ScopeExit.h"
+#include "libKestrel/internal/windows/NVidia/nv_api.h"
+#include "libKestrel/internal/windows/NVidia/nvapiwrapper.h"
+
+namespace libKestrel {
+namespace {
+
+using logging::log;
+using logging::Priority;
+using logging::shown;
+
+logging::LogSite site("libKestrel.NVidiaGPUQuerier", "libKestrel/src/windows/NVidiaGPUQuerier.cpp");
+
+// One field of a query's result, empty when the query failed.
+template <class Result, class Field>
+std::optional<Field> fieldOf(const std::optional<Result>& result, Field Result::*field)
+{
+    return result ? std::optional<Field>((*result).*field) : std::nullopt;
+}
+
+} // namespace
+
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle const& handle)
+{
+    auto trace = site.trace("queryNVidiaGPU", 45);
+    std::vector<std::shared_ptr<IGPU>> result;
+    const auto bus = query_PciLocation(handle);
+    if (!bus) {
+        log(site, Priority::WARNING, "52 ", "Could not obtain PCI Location information for nvidia device");
+        return result;
+    }
+    const pci::PciLocation location(bus->bus, bus->slot, 0, 0);
+    log(site, Priority::TRACE, "61 ", "Found PCI location information: ", location.toString(true));
+
+    // Every query runs whatever the earlier ones gave.
+    auto gpu = std::make_shared<GPU>(location);
+    gpu->setName(query_ProductName(handle));
+    gpu->setHardwareAcceleration(true);
+    gpu->setDriverVersion(query_DriverVersion());
+    gpu->setVBIOSVersion(query_VBIOSVersionString(handle));
+    gpu->setCoreCount(query_CoreCount(handle));
+    const auto memory = query_DedicatedMemory(handle);
+    gpu->setDedicatedMemory(fieldOf(memory, &NvDedicatedMemory::dedicated));
+    gpu->setAvailableDedicatedMemory(fieldOf(memory, &NvDedicatedMemory::available));
+    const NvClockFrequencies clocks = query_ClockFrequencies(handle);
+    gpu->setGraphicsClock(clocks.graphics);
+    gpu->setMemoryClock(clocks.memory);
+    gpu->setShaderClock(clocks.shader);
+    gpu->setBusType(query_BusType(handle));
+    const auto ecc = query_ECCMemory(handle);
+    gpu->setECCSupported(fieldOf(ecc, &NvECCMemory::supported));
+    gpu->setECCEnabled(fieldOf(ecc, &NvECCMemory::enabled));
+    gpu->setSLI(query_ScalableLinkInterface(handle));
+    result.push_back(gpu);
+    return result;
+}
+
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUs(std::bitset<4>&)
+{
+    auto trace = site.trace("queryNVidiaGPUs", 98);
+    std::vector<std::shared_ptr<IGPU>> result;
+    if (nvapi::NvAPI_Initialize() != nvapi::NVAPI_OK) {
+        log(site, Priority::WARNING, "105 ", "Could not initialize NVAPI");
+        return result;
+    }
+    ScopeExit unload(nvapi::NvAPI_Unload);
+
+    nvapi::NvPhysicalGpuHandle handles[nvapi::NVAPI_MAX_PHYSICAL_GPUS] = {};
+    nvapi::NvU32 count = 0;
+    const bool failed = nvapi::NvAPI_EnumPhysicalGPUs(handles, &count) != nvapi::NVAPI_OK;
+    if (failed) {
+        // The message carries the failure flag, not NVAPI's status.
+        log(site, Priority::WARNING, "114 ", "Could not enumerate physical GPUs: ", static_cast<int>(failed));
+        return result;
+    }
+    log(site, Priority::TRACE, "119 ", "Enumerated physical NVidia GPU count: ", shown(count));
+
+    // NVAPI never has more handles than its array holds, whatever count it reports.
+    const nvapi::NvU32 usable = std::min(count, nvapi::NVAPI_MAX_PHYSICAL_GPUS);
+    for (nvapi::NvU32 i = 0; i < usable; ++i) {
+        auto records = queryNVidiaGPU(handles[i]);
+        result.insert(result.end(), records.begin(), records.end());
+    }
+    return result;
+}
+
+} // namespace libKestrel
