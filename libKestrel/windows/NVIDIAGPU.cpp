@@ -5,6 +5,7 @@
 #include <string>
 
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
 #include "libKestrel/internal/windows/NVidia/nvapiwrapper.h"
 
 namespace libKestrel {
@@ -219,9 +220,49 @@ bool NVIDIAGPU::isInSLI(std::vector<NVIDIAGPU>& others) const
     return count > 1;
 }
 
+bool NVIDIAGPU::supportsCuda(unsigned int& major, unsigned int& minor)
+{
+    auto trace = site.trace("bool NVIDIAGPU::supportsCuda(unsigned int& major, unsigned int& minor)", 223);
+    // One load of the driver for all the questions below.
+    CudaDriverHold driver;
+    int driverVersion = 0;
+    if (cudaDriverGetVersion(&driverVersion) != cuda::cudaSuccess) {
+        log(site, Priority::TRACE, "276 ", "Could not get driver version");
+        return false;
+    }
+    int runtimeVersion = 0;
+    if (cudaRuntimeGetVersion(&runtimeVersion) != cuda::cudaSuccess) {
+        log(site, Priority::TRACE, "281 ", "Could not get run time version");
+        return false;
+    }
+    if (runtimeVersion > driverVersion) {
+        log(site, Priority::TRACE, "286 ",
+            "Older version of CUDA is installed. Support for this version is not available. Driver Version is ",
+            driverVersion, " Runtime Version is ", runtimeVersion);
+        return false;
+    }
+    int count = 0;
+    if (cudaGetDeviceCount(&count) != cuda::cudaSuccess) {
+        log(site, Priority::TRACE, "294 ", "Cannot enumerate any CUDA devices");
+        return false;
+    }
+    for (int device = 0; device < count; ++device) {
+        cuda::cudaDeviceProp properties{};
+        if (cudaGetDeviceProperties(&properties, device) != cuda::cudaSuccess)
+            continue;
+        // The function is not compared: CUDA gives none.
+        if ((properties.pciBusID & 0xFF) == location_.bus && (properties.pciDeviceID & 0xFF) == location_.device) {
+            major = static_cast<unsigned int>(properties.major);
+            minor = static_cast<unsigned int>(properties.minor);
+            return true;
+        }
+    }
+    return false;
+}
+
 void NVIDIAGPU::enumerateThermalSensors()
 {
-    auto trace = site.trace("void NVIDIAGPU::enumerateThermalSensors()", 222);
+    auto trace = site.trace("void NVIDIAGPU::enumerateThermalSensors()", 264);
     thermalSensors_.clear();
     NV_GPU_THERMAL_SETTINGS settings;
     if (const NvAPI_Status status = getThermalSettings(handle_, NVAPI_THERMAL_TARGET_ALL, &settings);

@@ -68,6 +68,10 @@ public:
     bool currentTemperature(std::vector<float>& temps) const;
     // True when the GPU works in SLI; 'others' receives the other GPUs of its group.
     bool isInSLI(std::vector<NVIDIAGPU>& others) const;
+    // True when CUDA reports a device at this GPU's PCI bus and device, with a
+    // driver at least as new as the CUDA version the library speaks; 'major' and
+    // 'minor' then receive its compute capability (and are untouched otherwise).
+    bool supportsCuda(unsigned int& major, unsigned int& minor);
 
 private:
     explicit NVIDIAGPU(nvapi::NvPhysicalGpuHandle handle);
