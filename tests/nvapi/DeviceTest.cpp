@@ -141,7 +141,7 @@ TEST_F(NvidiaGpu, TemperaturesAreReadByPositionForEachGpuSensor)
     ASSERT_EQ(NVIDIAGPU::enumerate(gpus), 2u);
     EXPECT_TRUE(capture.has(logger, 1,
                             "Entering void NVIDIAGPU::enumerateThermalSensors() "
-                            "(libKestrel/windows/NVIDIAGPU.cpp:222)"));
+                            "(libKestrel/windows/NVIDIAGPU.cpp:264)"));
 
     std::vector<float> temps{1.0f, 2.0f};
     EXPECT_TRUE(gpus[0].currentTemperature(temps));
