@@ -4,6 +4,7 @@
 // NVML_ERROR_INVALID_ARGUMENT for a handle that is not ours or a missing
 // output), with per-call faults from the scenario. See README.md.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <type_traits>
@@ -20,10 +21,15 @@ struct Nvml {
     simnvml::Machine machine;
 
     // A client that unloads NVML without shutting it down shows in the journal.
+    // (snprintf, not std::to_string: libstdc++'s digit table is a unique symbol,
+    // which would keep the module mapped after its last dlclose.)
     ~Nvml()
     {
-        if (initializations > 0)
-            sim::record("nvml left initialized: " + std::to_string(initializations));
+        if (initializations <= 0)
+            return;
+        char event[64];
+        std::snprintf(event, sizeof event, "nvml left initialized: %d", initializations);
+        sim::record(event);
     }
 };
 
