@@ -80,8 +80,7 @@ DeviceCall beginDevice(const char* entry, nvmlDevice_t handle, const void* outpu
     const auto& devices = nvml().machine.devices;
     const auto found = std::find_if(devices.begin(), devices.end(), [handle](const auto& d) { return d.get() == handle; });
     nvmlDevice_st* device = found != devices.end() ? found->get() : nullptr;
-    DeviceCall call;
-    static_cast<Call&>(call) = begin(entry, device ? device->index : -1, device && output);
+    DeviceCall call{begin(entry, device ? device->index : -1, device && output)};
     if (call.proceeds())
         call.device = device;
     return call;

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <type_traits>
 
 #if defined(_WIN32)
 #include <windows.h>
 #endif
 
+#include "libKestrel/GPUProperties.h"
 #include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
 
 namespace kestrel::test {
@@ -67,6 +69,48 @@ void setProgramFiles(const char* value)
 #endif
 }
 
+namespace {
+
+template <class T>
+std::string valueText(const T& value)
+{
+    if constexpr (std::is_same_v<T, std::string>)
+        return value;
+    else if constexpr (std::is_same_v<T, bool>)
+        return value ? "true" : "false";
+    else if constexpr (std::is_pointer_v<T>)
+        return "handle";
+    else
+        return std::to_string(value);
+}
+
+std::map<std::string, const void*> keptEntries()
+{
+    const libKestrel::NVMLFunctions& f = libKestrel::nvmlBinding().functions;
+#define KESTREL_ENTRY(name) {#name, reinterpret_cast<const void*>(f.name)}
+    return {KESTREL_ENTRY(nvmlInit_v2), KESTREL_ENTRY(nvmlShutdown), KESTREL_ENTRY(nvmlDeviceGetCount_v2),
+            KESTREL_ENTRY(nvmlDeviceGetHandleByIndex), KESTREL_ENTRY(nvmlDeviceGetTemperature),
+            KESTREL_ENTRY(nvmlDeviceGetTemperatureThreshold), KESTREL_ENTRY(nvmlDeviceGetPciInfo_v2),
+            KESTREL_ENTRY(nvmlDeviceGetDetailedEccErrors), KESTREL_ENTRY(nvmlDeviceGetName),
+            KESTREL_ENTRY(nvmlDeviceGetUUID), KESTREL_ENTRY(nvmlDeviceGetUtilizationRates),
+            KESTREL_ENTRY(nvmlDeviceGetVbiosVersion), KESTREL_ENTRY(nvmlDeviceGetFanSpeed),
+            KESTREL_ENTRY(nvmlErrorString)};
+#undef KESTREL_ENTRY
+}
+
+} // namespace
+
+std::string describe(const libKestrel::IGPU& gpu)
+{
+    std::string text = gpu.pciLocation() ? gpu.pciLocation()->toString(true).str() : "unlocated";
+#define KESTREL_DESCRIBE(type, getter, setter, unit)                                                                  \
+    if (const auto value = gpu.getter())                                                                              \
+        text += " " #getter "=" + valueText(*value);
+    LIBKESTREL_GPU_PROPERTIES(KESTREL_DESCRIBE)
+#undef KESTREL_DESCRIBE
+    return text;
+}
+
 std::vector<std::string> messagesOf(const LogCapture& capture, const std::string& logger)
 {
     std::vector<std::string> messages;
@@ -80,26 +124,6 @@ bool happenedInOrder(const std::vector<std::string>& journal, const std::string&
 {
     const auto at = std::find(journal.begin(), journal.end(), first);
     return at != journal.end() && std::find(at + 1, journal.end(), second) != journal.end();
-}
-
-std::map<std::string, const void*> keptEntries()
-{
-    const libKestrel::NVMLFunctions& f = libKestrel::nvmlBinding().functions;
-    const auto entry = [](auto pointer) { return reinterpret_cast<const void*>(pointer); };
-    return {{"nvmlInit_v2", entry(f.nvmlInit_v2)},
-            {"nvmlShutdown", entry(f.nvmlShutdown)},
-            {"nvmlDeviceGetCount_v2", entry(f.nvmlDeviceGetCount_v2)},
-            {"nvmlDeviceGetHandleByIndex", entry(f.nvmlDeviceGetHandleByIndex)},
-            {"nvmlDeviceGetTemperature", entry(f.nvmlDeviceGetTemperature)},
-            {"nvmlDeviceGetTemperatureThreshold", entry(f.nvmlDeviceGetTemperatureThreshold)},
-            {"nvmlDeviceGetPciInfo_v2", entry(f.nvmlDeviceGetPciInfo_v2)},
-            {"nvmlDeviceGetDetailedEccErrors", entry(f.nvmlDeviceGetDetailedEccErrors)},
-            {"nvmlDeviceGetName", entry(f.nvmlDeviceGetName)},
-            {"nvmlDeviceGetUUID", entry(f.nvmlDeviceGetUUID)},
-            {"nvmlDeviceGetUtilizationRates", entry(f.nvmlDeviceGetUtilizationRates)},
-            {"nvmlDeviceGetVbiosVersion", entry(f.nvmlDeviceGetVbiosVersion)},
-            {"nvmlDeviceGetFanSpeed", entry(f.nvmlDeviceGetFanSpeed)},
-            {"nvmlErrorString", entry(f.nvmlErrorString)}};
 }
 
 std::vector<std::string> nullEntries()

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "common/LogCapture.h"
+#include "libKestrel/IGPU.h"
 
 namespace kestrel::test {
 
@@ -28,6 +29,10 @@ std::string nvmlFolder();
 // Sets ProgramW6432 for this process; null removes it. Wine sets the variable
 // itself when a process starts, so a test run cannot pass it in.
 void setProgramFiles(const char* value);
+
+// A record as text: its location, then every present property as name=value,
+// in record order.
+std::string describe(const libKestrel::IGPU& gpu);
 
 // A logger's lines without the trace scopes' "Entering"/"Leaving" lines.
 std::vector<std::string> messagesOf(const LogCapture& capture, const std::string& logger);
