@@ -5,6 +5,7 @@
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"
 #include "libKestrel/IGPU.h"
+#include "libKestrel/Optimus.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
 #include "pci/PciLocation.h"

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace kestrel {
+
+struct Options {
+    bool json = false;
+    std::optional<int> logLevel;        // the library's log on standard error from this priority up
+    std::optional<std::string> scenario; // run against the vendor simulator with this scenario
+    std::optional<double> watchSeconds;  // repeat until interrupted
+};
+
+// Parses the command line. Returns the options, or the exit code to end with:
+// 0 after --help or --version, 2 after a usage error (reported on standard error).
+struct Parsed {
+    std::optional<Options> options;
+    int exitCode = 0;
+};
+Parsed parseCommandLine(int argc, char** argv);
+
+} // namespace kestrel

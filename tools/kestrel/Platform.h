@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+namespace kestrel {
+
+// The folder of the running program.
+std::string executableDirectory();
+
+// Makes "ProgramW6432" name 'folder', where NVIDIA's management library is
+// looked for on Windows (a no-op elsewhere).
+void pointProgramFilesAt(const std::string& folder);
+
+// Lets Ctrl-C end a --watch loop cleanly; true once it was pressed.
+void catchInterrupt();
+bool interrupted();
+
+} // namespace kestrel

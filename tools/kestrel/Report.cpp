@@ -1,0 +1,146 @@
+#include "Report.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <optional>
+#include <sstream>
+#include <type_traits>
+
+#include <nlohmann/json.hpp>
+
+namespace kestrel {
+namespace {
+
+// How each property reads in the text report.
+struct Label {
+    const char* getter;
+    const char* text;
+};
+
+const Label labels[] = {
+    {"name", "Name"},
+    {"driverVersion", "Driver version"},
+    {"hardwareAcceleration", "Hardware acceleration"},
+    {"coreCount", "Cores"},
+    {"vbiosVersion", "VBIOS version"},
+    {"totalMemory", "Total memory"},
+    {"dedicatedMemory", "Dedicated memory"},
+    {"availableDedicatedMemory", "Available dedicated memory"},
+    {"graphicsClock", "Graphics clock"},
+    {"memoryClock", "Memory clock"},
+    {"shaderClock", "Shader clock"},
+    {"memoryWidth", "Memory bus width"},
+    {"memoryBandwidth", "Memory bandwidth"},
+    {"busType", "Bus"},
+    {"eccSupported", "ECC supported"},
+    {"eccEnabled", "ECC enabled"},
+    {"eccErrorsCorrectedVolatile", "ECC errors corrected (since driver load)"},
+    {"eccErrorsUncorrectedVolatile", "ECC errors uncorrected (since driver load)"},
+    {"eccErrorsCorrectedAggregate", "ECC errors corrected (lifetime)"},
+    {"eccErrorsUncorrectedAggregate", "ECC errors uncorrected (lifetime)"},
+    {"utilizationGPU", "GPU utilization"},
+    {"utilizationMemory", "Memory utilization"},
+    {"temperatureCurrent", "Temperature"},
+    {"temperatureSlowdown", "Slowdown temperature"},
+    {"temperatureShutdown", "Shutdown temperature"},
+    {"uuid", "UUID"},
+    {"fanSpeedPercent", "Fan speed"},
+    {"fanSpeedRPM", "Fan speed"},
+    {"sli", "SLI"},
+    {"versionMajor", "CUDA compute capability (major)"},
+    {"versionMinor", "CUDA compute capability (minor)"},
+    {"crossfire", "CrossFire"},
+    {"nativeMonitorHandle", "Monitor handle"},
+};
+
+std::string labelOf(const std::string& getter)
+{
+    for (const Label& label : labels)
+        if (getter == label.getter)
+            return label.text;
+    return getter;
+}
+
+std::string textOf(const std::string& value) { return value; }
+std::string textOf(bool value) { return value ? "yes" : "no"; }
+std::string textOf(std::uint32_t value) { return std::to_string(value); }
+std::string textOf(std::uint64_t value) { return std::to_string(value); }
+std::string textOf(void* value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", value);
+    return text;
+}
+
+// Keys stay in record order, so the document reads like the text report.
+using Json = nlohmann::ordered_json;
+
+Json jsonOf(const std::string& value) { return value; }
+Json jsonOf(bool value) { return value; }
+Json jsonOf(std::uint32_t value) { return value; }
+Json jsonOf(std::uint64_t value) { return value; }
+Json jsonOf(void* value) { return textOf(value); }
+
+template <class T>
+Json jsonOf(const std::optional<T>& value)
+{
+    return value ? jsonOf(*value) : Json(nullptr);
+}
+
+// "54 °C", "30%", "8704"
+std::string withUnit(const std::string& value, const std::string& unit)
+{
+    if (unit.empty())
+        return value;
+    return value + (unit == "%" ? "" : " ") + unit;
+}
+
+std::string locationOf(const libKestrel::IGPU& gpu)
+{
+    const auto location = gpu.pciLocation();
+    return location ? location->toString(true).str() : "unknown location";
+}
+
+const char* const insufficientPowerNote =
+    "Note: NVML left out a GPU that does not have enough power (check its power cables).\n";
+
+} // namespace
+
+std::string textReport(const Records& gpus, const std::bitset<4>& status)
+{
+    std::ostringstream out;
+    if (gpus.empty())
+        out << "No GPU found.\n";
+    for (const auto& gpu : gpus) {
+        out << locationOf(*gpu) << "  " << gpu->name().value_or("(unnamed GPU)") << "\n";
+#define KESTREL_REPORT_LINE(type, getter, setter, unit)                                                    \
+    if (const auto value = gpu->getter(); value && std::string(#getter) != "name")                            \
+        out << "  " << labelOf(#getter) << ": " << withUnit(textOf(*value), unit) << "\n";
+        LIBKESTREL_GPU_PROPERTIES(KESTREL_REPORT_LINE)
+#undef KESTREL_REPORT_LINE
+        out << "\n";
+    }
+    if (status.test(0))
+        out << insufficientPowerNote;
+    return out.str();
+}
+
+std::string jsonReport(const Records& gpus, const std::bitset<4>& status)
+{
+    Json list = Json::array();
+    for (const auto& gpu : gpus) {
+        Json record;
+        const auto location = gpu->pciLocation();
+        record["pciLocation"] = location ? Json(location->toString(true).str()) : Json(nullptr);
+#define KESTREL_JSON_FIELD(type, getter, setter, unit) record[#getter] = jsonOf(gpu->getter());
+        LIBKESTREL_GPU_PROPERTIES(KESTREL_JSON_FIELD)
+#undef KESTREL_JSON_FIELD
+        list.push_back(record);
+    }
+    Json document;
+    document["gpus"] = list;
+    document["insufficientPower"] = status.test(0);
+    return document.dump(2) + "\n";
+}
+
+} // namespace kestrel

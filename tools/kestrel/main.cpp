@@ -1,0 +1,83 @@
+// kestrel: reports every GPU of this machine (or of a simulated one) as the
+// vendor interfaces see it, merged into one record per GPU.
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <optional>
+#include <thread>
+
+#include <libKestrel/libKestrel.h>
+#include <tova/LogFactory.h>
+
+#include "Options.h"
+#include "Platform.h"
+#include "Report.h"
+#include "Simulation.h"
+
+namespace {
+
+// The library's own GPU sources, in the order their records are merged.
+const std::vector<libKestrel::GPUQuerier> gpuSources = {};
+
+void report(const kestrel::Options& options)
+{
+    std::bitset<4> status;
+    const auto gpus = libKestrel::queryAllGPUs({}, gpuSources, status);
+    const std::string text = options.json ? kestrel::jsonReport(gpus, status) : kestrel::textReport(gpus, status);
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+// Sleeps for the watch interval, waking early when interrupted.
+void pause(double seconds)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!kestrel::interrupted() && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const kestrel::Parsed parsed = kestrel::parseCommandLine(argc, argv);
+    if (!parsed.options)
+        return parsed.exitCode;
+    const kestrel::Options& options = *parsed.options;
+
+    tova::LogFactory::setPriority(options.logLevel
+                                      ? static_cast<tova::LoggerPriority::LOGGER_PRIORITY>(*options.logLevel)
+                                      : tova::LoggerPriority::OFF);
+
+    std::optional<kestrel::Simulation> simulation;
+    if (options.scenario) {
+        std::string scenario;
+        if (const auto problem = kestrel::Simulation::check(*options.scenario, scenario)) {
+            std::fprintf(stderr, "kestrel: %s\n", problem->c_str());
+            return 2;
+        }
+        std::string error;
+        simulation.emplace(scenario, error);
+        if (!error.empty()) {
+            std::fprintf(stderr, "kestrel: %s\n", error.c_str());
+            return 1;
+        }
+    }
+
+    if (!options.watchSeconds) {
+        report(options);
+        return 0;
+    }
+    kestrel::catchInterrupt();
+    while (!kestrel::interrupted()) {
+        if (!options.json) {
+            const std::time_t now = std::time(nullptr);
+            char stamp[32];
+            std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", std::localtime(&now));
+            std::printf("--- %s\n", stamp);
+        }
+        report(options);
+        pause(*options.watchSeconds);
+    }
+    return 0;
+}
