@@ -18,6 +18,7 @@ namespace {
 
 // The library's own GPU sources, in the order their records are merged.
 const std::vector<libKestrel::GPUQuerier> gpuSources = {
+    libKestrel::queryNVidiaNvmlGPUsMulti,
     libKestrel::queryNVidiaGPUs,
     libKestrel::queryNVidiaCudaGPUsMulti,
     libKestrel::queryAMDGPUsMulti,

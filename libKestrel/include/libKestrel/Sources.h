@@ -14,6 +14,11 @@ namespace libKestrel {
 // place on the PCI bus, and releases the library before it returns. A vendor
 // that is missing or failing yields fewer records, never an exception.
 
+// NVIDIA GPUs through NVML: name, UUID, VBIOS version, utilisation, ECC error
+// counts, temperatures and fan speed. Sets status bit 0 when NVML refuses a GPU
+// for insufficient power.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaNvmlGPUsMulti(std::bitset<4>& status);
+
 // NVIDIA GPUs through NVAPI: name, driver and VBIOS versions, core count,
 // dedicated memory, current clocks, bus type, ECC state and SLI membership.
 // Leaves the status set alone.

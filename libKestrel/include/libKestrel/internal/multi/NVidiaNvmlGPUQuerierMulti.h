@@ -1,0 +1,23 @@
+#pragma once
+
+#include <bitset>
+#include <memory>
+#include <vector>
+
+#include "libKestrel/IGPU.h"
+#include "libKestrel/vendor/nvml.h"
+
+namespace libKestrel {
+
+// The NVML source proper is queryNVidiaNvmlGPUsMulti (libKestrel/Sources.h),
+// which loads NVML around these two steps.
+
+// Initialises NVML, builds one record per device that NVML places on the PCI
+// bus, in NVML's order, and shuts NVML down again. Sets status bit 0 when NVML
+// refuses a device for insufficient power.
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& status);
+
+// The record of one device (none when NVML gives no PCI location for it).
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& device);
+
+} // namespace libKestrel

@@ -1,0 +1,141 @@
+#include "libKestrel/internal/multi/NVidiaNvmlGPUQuerierMulti.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+
+#include "libKestrel/GPU.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/ScopeExit.h"
+#include "libKestrel/internal/multi/NVidia/nv_nvml.h"
+#include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
+#include "pci/PciLocation.h"
+
+namespace libKestrel {
+namespace {
+
+using logging::log;
+using logging::Priority;
+
+logging::LogSite site("libKestrel.NVidiaNvmlGPUQuerierMulti", "libKestrel/src/multi/NVidiaNvmlGPUQuerierMulti.cpp");
+
+// The most device indices we walk. A record's location is NVML's bus and device
+// number, so no more than 256 x 32 devices can be told apart; a larger count is
+// a broken driver, whose every extra index would only fail.
+constexpr unsigned int maximumDevices = 256 * 32;
+
+// One ECC property from the four memory locations NVML counts: present when any
+// count is, and then the sum of the present ones (modulo 2^64, as unsigned sums are).
+std::optional<std::uint64_t> sumOfCounts(const NvmlEccCounts& counts)
+{
+    std::optional<std::uint64_t> sum;
+    for (const auto& part : {counts.deviceMemory, counts.l1Cache, counts.l2Cache, counts.registerFile})
+        if (part)
+            sum = sum.value_or(0) + *part;
+    return sum;
+}
+
+} // namespace
+
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("queryNVidiaGPU", 55);
+    const NvmlBusAndDevice where = query_PciLocation(device);
+    if (!where.bus || !where.device) {
+        log(site, Priority::WARNING, "63 ", "Could not obtain PCI Location information for nvidia device");
+        return {};
+    }
+    // NVML's domain is left out and the function is always 0, so that these
+    // records meet the other NVIDIA sources' records of the same GPU.
+    const pci::PciLocation location(*where.bus, *where.device, 0, 0);
+    log(site, Priority::TRACE, "72 ", "Found PCI location information: ", location.toString(true));
+
+    auto gpu = std::make_shared<GPU>(location);
+    gpu->setName(query_ProductName(device));
+    gpu->setUUID(query_UUID(device));
+    gpu->setHardwareAcceleration(true);
+    const NvmlUtilization utilization = query_GPUAndMemoryUtilization(device);
+    gpu->setUtilizationGPU(utilization.gpu);
+    gpu->setUtilizationMemory(utilization.memory);
+    gpu->setVBIOSVersion(query_VBIOSVersionString(device));
+    gpu->setECCErrorsCorrectedVolatile(
+        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_CORRECTED, nvml::NVML_VOLATILE_ECC)));
+    gpu->setECCErrorsUncorrectedVolatile(
+        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_UNCORRECTED, nvml::NVML_VOLATILE_ECC)));
+    gpu->setECCErrorsCorrectedAggregate(
+        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_CORRECTED, nvml::NVML_AGGREGATE_ECC)));
+    gpu->setECCErrorsUncorrectedAggregate(
+        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_UNCORRECTED, nvml::NVML_AGGREGATE_ECC)));
+    gpu->setTemperatureCurrent(query_TemperatureCurrent(device));
+    gpu->setTemperatureSlowdown(query_TemperatureSlowdown(device));
+    gpu->setTemperatureShutdown(query_TemperatureShutdown(device));
+    gpu->setFanSpeedPercent(query_FanSpeedPercent(device));
+    return {gpu};
+}
+
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& status)
+{
+    auto trace = site.trace("queryNVidiaGPUsMultiWorker", 119);
+    const NVMLFunctions& functions = nvmlBinding().functions;
+    if (!functions.nvmlInit_v2) {
+        log(site, Priority::WARNING, "124 ", "NvmlInit not available");
+        return {};
+    }
+    if (const nvml::nvmlReturn_t code = functions.nvmlInit_v2(); code != nvml::NVML_SUCCESS) {
+        log(site, Priority::WARNING, "131 ", "Could not initialize NVML: ", nvmlErrorText(code));
+        return {};
+    }
+    ScopeExit shutdown([&functions] {
+        // A module that initialises but cannot shut down is reported with NVML's
+        // own code for a missing function, rather than called through null.
+        const nvml::nvmlReturn_t code =
+            functions.nvmlShutdown ? functions.nvmlShutdown() : nvml::NVML_ERROR_FUNCTION_NOT_FOUND;
+        if (code != nvml::NVML_SUCCESS)
+            log(site, Priority::CRITICAL, "138 ", "Error shutting down NVML: ", nvmlErrorText(code));
+    });
+
+    if (!functions.nvmlDeviceGetCount_v2) {
+        log(site, Priority::WARNING, "146 ", "NvmlDeviceGetCount not available");
+        return {};
+    }
+    unsigned int count = 0;
+    if (const nvml::nvmlReturn_t code = functions.nvmlDeviceGetCount_v2(&count); code != nvml::NVML_SUCCESS) {
+        log(site, Priority::CRITICAL, "152 ", "Failed to retrieve device count: ", nvmlErrorText(code));
+        return {};
+    }
+    log(site, Priority::TRACE, "158 ", "Enumerated physical NVidia GPU count: ", count);
+    if (!functions.nvmlDeviceGetHandleByIndex) {
+        log(site, Priority::WARNING, "162 ", "NvmlDeviceGetHandleByIndex not available");
+        return {};
+    }
+
+    std::vector<std::shared_ptr<IGPU>> result;
+    for (unsigned int index = 0; index < std::min(count, maximumDevices); ++index) {
+        nvml::nvmlDevice_t device = nullptr;
+        if (const nvml::nvmlReturn_t code = functions.nvmlDeviceGetHandleByIndex(index, &device);
+            code != nvml::NVML_SUCCESS) {
+            log(site, Priority::CRITICAL, "171 ", "Failed to retrieve device handle: ", nvmlErrorText(code));
+            if (code == nvml::NVML_ERROR_INSUFFICIENT_POWER)
+                status.set(0);
+            continue;
+        }
+        const auto records = queryNVidiaGPU(device);
+        result.insert(result.end(), records.begin(), records.end());
+    }
+    return result;
+}
+
+std::vector<std::shared_ptr<IGPU>> queryNVidiaNvmlGPUsMulti(std::bitset<4>& status)
+{
+    auto trace = site.trace("queryNVidiaNvmlGPUsMulti", 189);
+    if (!initializeLibrary()) {
+        log(site, Priority::WARNING, "195 ", "Failed to load NVML");
+        return {};
+    }
+    // Runs after the worker has shut NVML down.
+    ScopeExit release(uninitializeLibrary);
+    return queryNVidiaGPUsMultiWorker(status);
+}
+
+} // namespace libKestrel
