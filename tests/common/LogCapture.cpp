@@ -35,6 +35,15 @@ std::vector<std::string> LogCapture::of(const std::string& logger) const
     return result;
 }
 
+std::vector<std::string> LogCapture::messages(const std::string& logger) const
+{
+    std::vector<std::string> result;
+    for (const auto& line : of(logger))
+        if (line.find("|Entering ") == std::string::npos && line.find("|Leaving ") == std::string::npos)
+            result.push_back(line);
+    return result;
+}
+
 bool LogCapture::has(const std::string& logger, int priority, const std::string& text) const
 {
     for (const auto& line : lines())

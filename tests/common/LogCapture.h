@@ -26,6 +26,8 @@ public:
     std::vector<LogLine> lines() const;
     // Lines of one logger, as "priority|text", in order.
     std::vector<std::string> of(const std::string& logger) const;
+    // The same without the trace scopes' "Entering"/"Leaving" lines.
+    std::vector<std::string> messages(const std::string& logger) const;
     // True when exactly this line was written.
     bool has(const std::string& logger, int priority, const std::string& text) const;
     // Lines whose text starts with 'prefix'.

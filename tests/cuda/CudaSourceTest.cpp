@@ -16,7 +16,6 @@
 
 namespace {
 
-using kestrel::test::cudaMessages;
 using kestrel::test::LogCapture;
 using kestrel::test::SimulatedMachine;
 using libKestrel::IGPU;
@@ -74,7 +73,7 @@ TEST(CudaSource, ReportsEveryDeviceAtFunctionZeroAndDomainZero)
     EXPECT_EQ(second.versionMajor(), 7u);
     EXPECT_EQ(second.memoryWidth(), 256u);
 
-    EXPECT_EQ(cudaMessages(capture), (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
+    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"), (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
                                             "2|111 Discovered 2 CUDA devices",
                                             "1|57 Found PCI location information: 0000:65:00.0",
                                             "1|57 Found PCI location information: 0000:17:01.0"}));
@@ -99,7 +98,7 @@ TEST(CudaSource, NoDeviceIsAnEmptyMachineNotAFailure)
         SimulatedMachine machine(scenario);
         LogCapture capture(Priority::INFO);
         EXPECT_TRUE(query().empty());
-        EXPECT_EQ(cudaMessages(capture), (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
+        EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"), (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
                                                 "2|111 Discovered 0 CUDA devices"}));
         EXPECT_EQ(machine.count("cuDeviceGet"), 0u);
 
@@ -139,7 +138,7 @@ TEST(CudaSource, ADeviceThatFailsIsSkippedAndTheOthersKept)
     EXPECT_FALSE(records[1]->graphicsClock()) << "a negative clock is no clock";
     EXPECT_EQ(records[1]->memoryClock(), 9751000u) << "the other properties are kept";
 
-    EXPECT_EQ(cudaMessages(capture),
+    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"),
               (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
                      "2|111 Discovered 4 CUDA devices",
                      "3|47 Could not obtain the device properties for CUDA device at index '1': "
@@ -177,7 +176,7 @@ TEST(CudaSource, AFailureBeforeTheDeviceLoopYieldsNothing)
         SimulatedMachine machine("{" + gpu + ", " + failure.scenario + "}");
         LogCapture capture(Priority::INFO);
         EXPECT_TRUE(query().empty());
-        EXPECT_EQ(cudaMessages(capture), failure.messages);
+        EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"), failure.messages);
         EXPECT_EQ(machine.count("cuDeviceGet"), 0u);
         EXPECT_EQ(machine.journal().back(), "unload cuda");
     }
@@ -193,7 +192,7 @@ TEST(CudaSource, AnAbsurdDeviceCountIsNotWalkedPastTheDriversLimit)
     const Records records = query();
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0]->pciLocation()->bus, 0x65);
-    const Lines messages = cudaMessages(capture);
+    const Lines messages = capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti");
     ASSERT_EQ(messages.size(), 2u + 31u);
     EXPECT_EQ(messages[1], "2|111 Discovered 32 CUDA devices");
     EXPECT_EQ(messages.back(), "3|47 Could not obtain the device properties for CUDA device at index '31': "
@@ -228,7 +227,7 @@ TEST(CudaQuery, CudaRecordsMergeWithTheOtherSourcesRecords)
     EXPECT_EQ(merged.versionMajor(), 8u);
     EXPECT_EQ(merged.memoryWidth(), 384u);
     EXPECT_EQ(records[1]->name(), "Tesla T4");
-    EXPECT_TRUE(cudaMessages(capture).empty());
+    EXPECT_TRUE(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti").empty());
     EXPECT_EQ(machine.count("unload cuda"), 1u);
 }
 

@@ -14,7 +14,6 @@
 
 namespace {
 
-using kestrel::test::cudaMessages;
 using kestrel::test::LogCapture;
 using kestrel::test::SimulatedMachine;
 namespace cuda = libKestrel::cuda;
@@ -36,7 +35,7 @@ TEST(CudaNoDriver, NoUsableDriverMeansNoCudaAndNothingLeftLoaded)
     std::bitset<4> status("0110");
     EXPECT_TRUE(libKestrel::queryNVidiaCudaGPUsMulti(status).empty());
     EXPECT_EQ(status, std::bitset<4>("0110"));
-    EXPECT_EQ(cudaMessages(capture),
+    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"),
               (std::vector<std::string>{"3|87 Could not retrieve the CUDA driver version: cudaErrorInsufficientDriver: "
                                         "CUDA driver version is insufficient for CUDA runtime version"}));
 

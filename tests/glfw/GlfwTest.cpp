@@ -107,15 +107,10 @@ TEST_F(GlfwSimulated, EachMonitorGetsAHiddenProbeWindowAtItsOrigin)
     EXPECT_EQ(records[0]->nativeMonitorHandle(), visits[0].monitor) << "monitor 0 first";
     EXPECT_EQ(records[1]->nativeMonitorHandle(), visits[1].monitor);
 
-    const auto main = capture.of("libKestrel.Main");
-    const std::vector<std::string> expected = {"1|74 Monitors found: 2", "1|77 Monitor 0", "1|78   Name: Left",
-                                               "1|98 Found 1 from vendor query", "1|77 Monitor 1",
-                                               "1|78   Name: Right", "1|98 Found 1 from vendor query"};
-    std::vector<std::string> messages;
-    for (const auto& line : main)
-        if (line.find("Entering") == std::string::npos && line.find("Leaving") == std::string::npos)
-            messages.push_back(line);
-    EXPECT_EQ(messages, expected);
+    EXPECT_EQ(capture.messages("libKestrel.Main"),
+              (std::vector<std::string>{"1|74 Monitors found: 2", "1|77 Monitor 0", "1|78   Name: Left",
+                                        "1|98 Found 1 from vendor query", "1|77 Monitor 1", "1|78   Name: Right",
+                                        "1|98 Found 1 from vendor query"}));
     EXPECT_TRUE(capture.has("libKestrel.GLFWWrapper", 1, "Entering initializeGLFWLibrary "
                                                          "(libKestrel/src/multi/GLFW/glfwWrapper.cpp:43)"));
 

@@ -15,7 +15,6 @@ namespace {
 
 using kestrel::test::expectNvapiReleased;
 using kestrel::test::LogCapture;
-using kestrel::test::messages;
 using kestrel::test::messagesStartingWith;
 using kestrel::test::SimulatedMachine;
 using libKestrel::NVIDIAGPU;
@@ -65,7 +64,7 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
     EXPECT_EQ(gpus[1].pciLocation(), pci::PciLocation(2, 0, 0, 0));
     EXPECT_EQ(gpus[1].name(), "GeForce GTX 1050 Mobile");
     EXPECT_EQ(gpus[1].videoMemoryKB(), 0u) << "its memory read failed";
-    EXPECT_EQ(messages(capture, logger),
+    EXPECT_EQ(capture.messages(logger),
               (std::vector<std::string>{"2|99 Total Video Memory 50331648 kb",
                                         "3|28 Function : NvAPI_GPU_GetMemoryInfo returns NVAPI_ERROR"}));
     EXPECT_TRUE(capture.has(logger, 1,
@@ -78,7 +77,7 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
     EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
     EXPECT_EQ(gpus.size(), 2u) << "a failed enumeration leaves the list alone";
     EXPECT_EQ(gpus[0].name(), "Quadro RTX 8000");
-    EXPECT_EQ(messages(capture, logger),
+    EXPECT_EQ(capture.messages(logger),
               std::vector<std::string>{"3|28 Function : NvAPI_EnumPhysicalGPUs returns NVAPI_NVIDIA_DEVICE_NOT_FOUND"});
 
     EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
@@ -117,7 +116,7 @@ TEST_F(NvidiaGpu, ConstructionByLocationFindsTheGpuThere)
         const HeldNvapi nvapi(8);
         LogCapture capture;
         EXPECT_THROW({ NVIDIAGPU gpu(pci::PciLocation(2, 0, 0, 0)); }, std::exception);
-        EXPECT_EQ(messages(capture, logger), (std::vector<std::string>{"3|113 No NVIDIA GPUS enumerated."}));
+        EXPECT_EQ(capture.messages(logger), (std::vector<std::string>{"3|113 No NVIDIA GPUS enumerated."}));
     }
     {
         SimulatedMachine simulated(machine(R"(, "faults": {"NvAPI_GPU_GetBusId": {"device": 1, "return": -8}})"));

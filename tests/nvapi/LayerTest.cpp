@@ -18,7 +18,6 @@ namespace {
 
 using kestrel::test::expectNvapiReleased;
 using kestrel::test::LogCapture;
-using kestrel::test::messages;
 using kestrel::test::SimulatedMachine;
 using libKestrel::NVIDIAGPU;
 using Priority = tova::LoggerPriority;
@@ -101,7 +100,7 @@ TEST(NvapiAbsent, NothingIsFoundAndNothingIsHeld)
         std::vector<NVIDIAGPU> gpus;
         EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
         EXPECT_THROW({ NVIDIAGPU gpu(pci::PciLocation(9, 0, 0, 0)); }, std::exception);
-        EXPECT_EQ(messages(capture, "libKestrel"),
+        EXPECT_EQ(capture.messages("libKestrel"),
                   (std::vector<std::string>{"3|28 Function : NvAPI_EnumPhysicalGPUs returns -4",
                                             "3|28 Function : NvAPI_EnumPhysicalGPUs returns -4",
                                             "3|113 No NVIDIA GPUS enumerated."}));

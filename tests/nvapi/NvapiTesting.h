@@ -10,16 +10,6 @@
 
 namespace kestrel::test {
 
-// The lines of one logger without the trace scopes' entry and exit lines.
-inline std::vector<std::string> messages(const LogCapture& capture, const std::string& logger)
-{
-    std::vector<std::string> result;
-    for (const auto& line : capture.of(logger))
-        if (line.find("|Entering ") == std::string::npos && line.find("|Leaving ") == std::string::npos)
-            result.push_back(line);
-    return result;
-}
-
 // Lines of one logger that start with 'prefix' ("3|28 "), in order.
 inline std::vector<std::string> messagesStartingWith(const LogCapture& capture, const std::string& logger,
                                                      const std::string& prefix)

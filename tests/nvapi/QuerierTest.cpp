@@ -18,7 +18,6 @@ namespace {
 
 using kestrel::test::expectNvapiReleased;
 using kestrel::test::LogCapture;
-using kestrel::test::messages;
 using kestrel::test::messagesStartingWith;
 using kestrel::test::SimulatedMachine;
 using libKestrel::IGPU;
@@ -76,10 +75,10 @@ TEST(NvapiQuerier, AGpuBecomesOneRecordWithEverythingNvapiKnows)
     EXPECT_FALSE(gpu.totalMemory().has_value());
     EXPECT_FALSE(gpu.temperatureCurrent().has_value());
 
-    EXPECT_EQ(messages(capture, querier),
+    EXPECT_EQ(capture.messages(querier),
               (std::vector<std::string>{"1|119 Enumerated physical NVidia GPU count: 1",
                                         "1|61 Found PCI location information: 0000:65:00.0"}));
-    EXPECT_EQ(messages(capture, perProperty),
+    EXPECT_EQ(capture.messages(perProperty),
               (std::vector<std::string>{
                   "1|44 PCI location: Bus: 101, Device: 0", "1|66 Product name: NVIDIA GeForce RTX 2080 Ti",
                   "1|82 Driver version: 45206", "1|83 Driver version branch: r452_06",
@@ -103,7 +102,7 @@ TEST(NvapiQuerier, ZeroGpusAndFailuresBeforeAnyGpuGiveNoRecords)
         SimulatedMachine machine(machineWith(""));
         LogCapture capture;
         EXPECT_TRUE(query().empty());
-        EXPECT_EQ(messages(capture, querier),
+        EXPECT_EQ(capture.messages(querier),
                   (std::vector<std::string>{"1|119 Enumerated physical NVidia GPU count: 0"}));
         EXPECT_EQ(machine.count("NvAPI_Unload"), 1u);
         expectNvapiReleased();
@@ -112,7 +111,7 @@ TEST(NvapiQuerier, ZeroGpusAndFailuresBeforeAnyGpuGiveNoRecords)
         SimulatedMachine machine(machineWith(fullGpu, R"(, "faults": {"NvAPI_Initialize": {"return": -6}})"));
         LogCapture capture;
         EXPECT_TRUE(query().empty());
-        EXPECT_EQ(messages(capture, querier), (std::vector<std::string>{"3|105 Could not initialize NVAPI"}));
+        EXPECT_EQ(capture.messages(querier), (std::vector<std::string>{"3|105 Could not initialize NVAPI"}));
         EXPECT_EQ(machine.count("NvAPI_Unload"), 0u) << "NVAPI that never started is not unloaded";
         EXPECT_EQ(machine.count("NvAPI_EnumPhysicalGPUs"), 0u);
         expectNvapiReleased();
@@ -121,7 +120,7 @@ TEST(NvapiQuerier, ZeroGpusAndFailuresBeforeAnyGpuGiveNoRecords)
         SimulatedMachine machine(machineWith(fullGpu, R"(, "faults": {"NvAPI_EnumPhysicalGPUs": {"return": -6}})"));
         LogCapture capture;
         EXPECT_TRUE(query().empty());
-        EXPECT_EQ(messages(capture, querier),
+        EXPECT_EQ(capture.messages(querier),
                   (std::vector<std::string>{"3|114 Could not enumerate physical GPUs: 1"}))
             << "the failure flag, not NVAPI's status";
         EXPECT_EQ(machine.count("NvAPI_Unload"), 1u);

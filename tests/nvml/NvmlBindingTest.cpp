@@ -36,7 +36,7 @@ TEST_F(NvmlBinding, ResolvesEveryKeptEntryAndReleasesThemAll)
     expectNvmlReleased();
 
     EXPECT_EQ(machine.journal(), (Lines{"load nvml", "unload nvml"})) << "binding calls no NVML function";
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVML"), Lines{});
+    EXPECT_EQ(capture.messages("libKestrel.NVML"), Lines{});
     EXPECT_TRUE(capture.has("libKestrel.NVML", 1,
                             "Entering initializeLibrary (libKestrel/src/multi/NVidia/nvmlwrapper.cpp:96)"));
     EXPECT_TRUE(capture.has("libKestrel.NVML", 1,
@@ -59,8 +59,8 @@ TEST_F(NvmlBinding, MissingLibraryIsReportedAsAbsent)
     std::bitset<4> status;
     EXPECT_TRUE(libKestrel::queryNVidiaNvmlGPUsMulti(status).empty());
     EXPECT_TRUE(status.none());
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVML"), Lines{"3|121 Cannot load NVML: File not found: " + path});
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVidiaNvmlGPUQuerierMulti"), Lines{"3|195 Failed to load NVML"});
+    EXPECT_EQ(capture.messages("libKestrel.NVML"), Lines{"3|121 Cannot load NVML: File not found: " + path});
+    EXPECT_EQ(capture.messages("libKestrel.NVidiaNvmlGPUQuerierMulti"), Lines{"3|195 Failed to load NVML"});
     EXPECT_EQ(machine.journal(), Lines{});
     expectNvmlReleased();
 }
@@ -73,9 +73,9 @@ TEST_F(NvmlBinding, UnloadableLibraryIsReportedAsAFailedLoad)
     std::bitset<4> status;
     EXPECT_TRUE(libKestrel::queryNVidiaNvmlGPUsMulti(status).empty());
     EXPECT_TRUE(status.none());
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVML"),
+    EXPECT_EQ(capture.messages("libKestrel.NVML"),
               Lines{"4|128 Cannot load NVML: failed to load the nvml.dll file from: " + nvmlPathUnder(nvmlFolder())});
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVidiaNvmlGPUQuerierMulti"), Lines{"3|195 Failed to load NVML"});
+    EXPECT_EQ(capture.messages("libKestrel.NVidiaNvmlGPUQuerierMulti"), Lines{"3|195 Failed to load NVML"});
     expectNvmlReleased();
 }
 
@@ -88,7 +88,7 @@ TEST_F(NvmlBinding, ProgramFilesFolderIsTakenAsItStands)
     // A 32-bit-only system has no ProgramW6432: nothing is looked for.
     setProgramFiles(nullptr);
     EXPECT_FALSE(libKestrel::initializeLibrary());
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVML"),
+    EXPECT_EQ(capture.messages("libKestrel.NVML"),
               Lines{"3|115 Cannot load NVML: Could not obtain path for the program files directory"});
     EXPECT_EQ(machine.journal(), Lines{});
     expectNvmlReleased();
@@ -107,7 +107,7 @@ TEST_F(NvmlBinding, ProgramFilesFolderIsTakenAsItStands)
     ASSERT_EQ(elsewhere.back(), '\\');
     setProgramFiles(elsewhere.c_str());
     EXPECT_FALSE(libKestrel::initializeLibrary());
-    EXPECT_EQ(messagesOf(capture, "libKestrel.NVML"),
+    EXPECT_EQ(capture.messages("libKestrel.NVML"),
               Lines{"3|121 Cannot load NVML: File not found: " + elsewhere + "\\NVIDIA Corporation\\NVSMI\\nvml.dll"});
     expectNvmlReleased();
 }

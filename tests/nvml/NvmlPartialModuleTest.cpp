@@ -41,21 +41,21 @@ protected:
 TEST_F(NvmlWithout, nvmlInit_v2)
 {
     EXPECT_TRUE(run().empty());
-    EXPECT_EQ(messagesOf(capture, querier), Lines{"3|124 NvmlInit not available"});
+    EXPECT_EQ(capture.messages(querier), Lines{"3|124 NvmlInit not available"});
     EXPECT_EQ(machine.count("nvmlShutdown"), 0u) << "what was never initialised is not shut down";
 }
 
 TEST_F(NvmlWithout, nvmlDeviceGetCount_v2)
 {
     EXPECT_TRUE(run().empty());
-    EXPECT_EQ(messagesOf(capture, querier), Lines{"3|146 NvmlDeviceGetCount not available"});
+    EXPECT_EQ(capture.messages(querier), Lines{"3|146 NvmlDeviceGetCount not available"});
     EXPECT_TRUE(happenedInOrder(machine.journal(), "nvml shut down", "unload nvml"));
 }
 
 TEST_F(NvmlWithout, nvmlDeviceGetHandleByIndex)
 {
     EXPECT_TRUE(run().empty());
-    EXPECT_EQ(messagesOf(capture, querier), (Lines{"1|158 Enumerated physical NVidia GPU count: 2",
+    EXPECT_EQ(capture.messages(querier), (Lines{"1|158 Enumerated physical NVidia GPU count: 2",
                                                    "3|162 NvmlDeviceGetHandleByIndex not available"}));
     EXPECT_TRUE(happenedInOrder(machine.journal(), "nvml shut down", "unload nvml"));
 }
@@ -64,7 +64,7 @@ TEST_F(NvmlWithout, nvmlDeviceGetHandleByIndex)
 TEST_F(NvmlWithout, nvmlShutdown)
 {
     EXPECT_EQ(run().size(), 2u);
-    EXPECT_EQ(messagesOf(capture, querier).back(), "4|138 Error shutting down NVML: Function Not Found");
+    EXPECT_EQ(capture.messages(querier).back(), "4|138 Error shutting down NVML: Function Not Found");
     EXPECT_EQ(machine.count("nvml left initialized: 1"), 1u);
 }
 

@@ -72,8 +72,8 @@ TEST_F(NvmlSource, ReadsEveryPropertyOfEachDeviceInOrderAndLogsEachValue)
         expected.insert(expected.end(), ecc.begin(), ecc.end());
     expected.insert(expected.end(), {"1|188 Temperature current (Celsius): 45", "1|208 Temperature slowdown (Celsius): 93",
                                      "1|228 Temperature shutdown (Celsius): 96", "1|309 Fan speed (percent): 41"});
-    EXPECT_EQ(messagesOf(capture, nvmlLogger), expected);
-    EXPECT_EQ(messagesOf(capture, querier), (Lines{"1|158 Enumerated physical NVidia GPU count: 1",
+    EXPECT_EQ(capture.messages(nvmlLogger), expected);
+    EXPECT_EQ(capture.messages(querier), (Lines{"1|158 Enumerated physical NVidia GPU count: 1",
                                                    "1|72 Found PCI location information: 0000:65:00.0"}));
 
     // The two threshold queries trace under the current-temperature query's name.
@@ -115,7 +115,7 @@ TEST_F(NvmlSource, InitCountAndShutdownFailuresAreLoggedAndNvmlStillReleased)
         SimulatedMachine machine(scenario({quadro, tesla}, c.faults));
         LogCapture capture;
         EXPECT_EQ(runSource().size(), c.records);
-        EXPECT_EQ(messagesOf(capture, querier), c.querierLines);
+        EXPECT_EQ(capture.messages(querier), c.querierLines);
         EXPECT_EQ(machine.count("nvmlShutdown"), c.sessionOpened ? 1u : 0u) << "shut down exactly when initialised";
         EXPECT_TRUE(happenedInOrder(machine.journal(), "load nvml", "unload nvml"));
     }
@@ -140,7 +140,7 @@ TEST_F(NvmlSource, ARefusedDeviceIsSkippedAndOnlyInsufficientPowerSetsStatusBit0
         ASSERT_EQ(records.size(), 1u) << "the device after the refused one still comes back";
         EXPECT_EQ(records[0]->name(), "Tesla T4 (NVML)");
         EXPECT_EQ(status, std::bitset<4>(bit0 ? 0b1001 : 0b1000)) << "bits already set are kept";
-        EXPECT_EQ(messagesOf(capture, querier),
+        EXPECT_EQ(capture.messages(querier),
                   Lines{std::string("4|171 Failed to retrieve device handle: ") + reason});
         expectShutDownAndUnloaded(machine);
     }
@@ -160,9 +160,9 @@ TEST_F(NvmlSource, ADeviceWithoutAPciLocationGivesNoRecordWhileTheOthersDo)
         const Records records = runSource();
         ASSERT_EQ(records.size(), 1u);
         EXPECT_EQ(records[0]->pciLocation()->bus, 179);
-        EXPECT_EQ(messagesOf(capture, nvmlLogger),
+        EXPECT_EQ(capture.messages(nvmlLogger),
                   Lines{std::string("3|61 Failed to retrieve NVML PCI location: ") + reason});
-        EXPECT_EQ(messagesOf(capture, querier),
+        EXPECT_EQ(capture.messages(querier),
                   Lines{"3|63 Could not obtain PCI Location information for nvidia device"});
         EXPECT_EQ(machine.count("nvmlDeviceGetName"), 1u) << "nothing more is asked about the skipped device";
         expectShutDownAndUnloaded(machine);
@@ -188,7 +188,7 @@ TEST_F(NvmlSource, EachPropertyNvmlRefusesIsLeftAbsentAndTheRestIsKept)
     EXPECT_EQ(records[1]->name(), "Tesla T4 (NVML)");
     EXPECT_EQ(records[1]->fanSpeedPercent(), 0u) << "a reading of 0 is a reading";
 
-    const Lines nvmlLines = messagesOf(capture, nvmlLogger);
+    const Lines nvmlLines = capture.messages(nvmlLogger);
     const Lines device0(nvmlLines.begin(), nvmlLines.begin() + 14);
     EXPECT_EQ(device0, (Lines{"1|67 PCI location: Bus: 101, Device: 0",
                               "1|85 Failed to retrieve NVML device name: Insufficient Size",
@@ -276,7 +276,7 @@ TEST_F(NvmlSource, AnAbsurdDeviceCountCostsOnlyTheIndicesThatFail)
         SimulatedMachine machine(scenario({quadro, tesla}, R"({"nvmlDeviceGetCount_v2": {"count": 5}})"));
         LogCapture capture(Priority::WARNING);
         EXPECT_EQ(runSource().size(), 2u);
-        EXPECT_EQ(messagesOf(capture, querier), Lines(3, "4|171 Failed to retrieve device handle: Invalid Argument"));
+        EXPECT_EQ(capture.messages(querier), Lines(3, "4|171 Failed to retrieve device handle: Invalid Argument"));
     }
     {
         // A count no machine could have ends after the indices that could name
@@ -322,14 +322,14 @@ TEST_F(NvmlSource, AMissingPropertyEntryPointIsReportedAndItsPropertyLeftAbsent)
                                          "3|197 NvmlDeviceGetTemperatureThreshold not available",
                                          "3|217 NvmlDeviceGetTemperatureThreshold not available",
                                          "3|298 NvmlDeviceGetFanSpeed not available"});
-        EXPECT_EQ(messagesOf(capture, nvmlLogger), expected);
+        EXPECT_EQ(capture.messages(nvmlLogger), expected);
     }
 
     f.nvmlDeviceGetPciInfo_v2 = nullptr;
     LogCapture capture(Priority::WARNING);
     EXPECT_TRUE(libKestrel::queryNVidiaGPU(device).empty());
-    EXPECT_EQ(messagesOf(capture, nvmlLogger), Lines{"3|53 NvmlDeviceGetPciInfo not available"});
-    EXPECT_EQ(messagesOf(capture, querier), Lines{"3|63 Could not obtain PCI Location information for nvidia device"});
+    EXPECT_EQ(capture.messages(nvmlLogger), Lines{"3|53 NvmlDeviceGetPciInfo not available"});
+    EXPECT_EQ(capture.messages(querier), Lines{"3|63 Could not obtain PCI Location information for nvidia device"});
 }
 
 } // namespace

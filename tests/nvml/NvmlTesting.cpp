@@ -111,15 +111,6 @@ std::string describe(const libKestrel::IGPU& gpu)
     return text;
 }
 
-std::vector<std::string> messagesOf(const LogCapture& capture, const std::string& logger)
-{
-    std::vector<std::string> messages;
-    for (const auto& line : capture.of(logger))
-        if (line.rfind("1|Entering ", 0) != 0 && line.rfind("1|Leaving ", 0) != 0)
-            messages.push_back(line);
-    return messages;
-}
-
 bool happenedInOrder(const std::vector<std::string>& journal, const std::string& first, const std::string& second)
 {
     const auto at = std::find(journal.begin(), journal.end(), first);

@@ -34,9 +34,6 @@ void setProgramFiles(const char* value);
 // in record order.
 std::string describe(const libKestrel::IGPU& gpu);
 
-// A logger's lines without the trace scopes' "Entering"/"Leaving" lines.
-std::vector<std::string> messagesOf(const LogCapture& capture, const std::string& logger);
-
 // True when the journal holds 'first' and, somewhere after it, 'second'.
 bool happenedInOrder(const std::vector<std::string>& journal, const std::string& first, const std::string& second);
 

@@ -49,6 +49,7 @@ const Label labels[] = {
     {"sli", "SLI"},
     {"versionMajor", "CUDA compute capability (major)"},
     {"versionMinor", "CUDA compute capability (minor)"},
+    {"computeCapability", "CUDA compute capability"},
     {"crossfire", "CrossFire"},
     {"nativeMonitorHandle", "Monitor handle"},
 };
@@ -113,11 +114,19 @@ std::string textReport(const Records& gpus, const std::bitset<4>& status)
         out << "No GPU found.\n";
     for (const auto& gpu : gpus) {
         out << locationOf(*gpu) << "  " << gpu->name().value_or("(unnamed GPU)") << "\n";
+        // The name heads the record; a full compute capability reads as one version.
+        const bool bothVersions = gpu->versionMajor() && gpu->versionMinor();
+        const auto shows = [&](const std::string& getter) {
+            return getter != "name" && !(bothVersions && (getter == "versionMajor" || getter == "versionMinor"));
+        };
 #define KESTREL_REPORT_LINE(type, getter, setter, unit)                                                    \
-    if (const auto value = gpu->getter(); value && std::string(#getter) != "name")                            \
+    if (const auto value = gpu->getter(); value && shows(#getter))                                            \
         out << "  " << labelOf(#getter) << ": " << withUnit(textOf(*value), unit) << "\n";
         LIBKESTREL_GPU_PROPERTIES(KESTREL_REPORT_LINE)
 #undef KESTREL_REPORT_LINE
+        if (bothVersions)
+            out << "  " << labelOf("computeCapability") << ": " << *gpu->versionMajor() << "." << *gpu->versionMinor()
+                << "\n";
         out << "\n";
     }
     if (status.test(0))

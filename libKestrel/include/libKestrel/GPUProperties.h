@@ -10,7 +10,7 @@
 // Units: clocks in kHz, memory sizes in kilobytes, temperatures in whole degrees
 // Celsius, utilisation and fan speed in percent or revolutions per minute.
 // versionMajor/versionMinor are the CUDA compute capability. memoryBandwidth is
-// passed on as AMD's driver reports it. nativeMonitorHandle is opaque: only a
+// passed on as AMD's driver reports it, in megabytes per second. nativeMonitorHandle is opaque: only a
 // host's own monitor-side source fills it.
 #define LIBKESTREL_GPU_PROPERTIES(X)                                                     \
     X(std::string, name, setName, "")                                                    \
@@ -25,7 +25,7 @@
     X(std::uint32_t, memoryClock, setMemoryClock, "kHz")                                 \
     X(std::uint32_t, shaderClock, setShaderClock, "kHz")                                 \
     X(std::uint32_t, memoryWidth, setMemoryWidth, "bits")                                \
-    X(std::uint64_t, memoryBandwidth, setMemoryBandwidth, "")                            \
+    X(std::uint64_t, memoryBandwidth, setMemoryBandwidth, "MB/s")                        \
     X(std::string, busType, setBusType, "")                                              \
     X(bool, eccSupported, setECCSupported, "")                                           \
     X(bool, eccEnabled, setECCEnabled, "")                                               \

@@ -1,0 +1,172 @@
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "common/Paths.h"
+#include "common/Process.h"
+
+namespace {
+
+using kestrel::test::ProcessResult;
+using nlohmann::json;
+
+#if defined(_WIN32)
+const char* const program = "kestrel.exe";
+#else
+const char* const program = "kestrel";
+#endif
+
+ProcessResult kestrelWith(const std::vector<std::string>& arguments)
+{
+    return kestrel::test::runProcess(kestrel::test::executableDirectory() + program, arguments);
+}
+
+std::string scenario(const std::string& name) { return std::string(KESTREL_SCENARIOS) + "/" + name + ".json"; }
+
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    size_t start = 0;
+    for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
+        lines.push_back(text.substr(start, end - start));
+    return lines;
+}
+
+bool hasLine(const std::string& text, const std::string& line)
+{
+    for (const auto& each : linesOf(text))
+        if (each == line)
+            return true;
+    return false;
+}
+
+// Two NVIDIA cards in SLI seen by NVML, NVAPI and CUDA, and one AMD card with
+// three ADL adapters: three merged records.
+TEST(KestrelTool, JsonHoldsEveryPropertyOfTheWorkstationsMergedGPUs)
+{
+    const ProcessResult run = kestrelWith({"--simulate", scenario("workstation"), "--json"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.err, "");
+    const json document = json::parse(run.out);
+    EXPECT_EQ(document["insufficientPower"], false);
+    const json& gpus = document["gpus"];
+    ASSERT_EQ(gpus.size(), 3u);
+    for (const auto& gpu : gpus)
+        EXPECT_EQ(gpu.size(), 34u) << "the location and 33 properties, null when unknown";
+
+    const json& first = gpus[0];
+    EXPECT_EQ(first["pciLocation"], "0000:65:00.0");
+    EXPECT_EQ(first["name"], "NVIDIA GeForce RTX 2080 Ti") << "the longer of NVML's and NVAPI's names";
+    EXPECT_EQ(first["driverVersion"], "452.6");
+    EXPECT_EQ(first["coreCount"], 4352);
+    EXPECT_EQ(first["graphicsClock"], 1545000) << "CUDA's clock, the larger";
+    EXPECT_EQ(first["shaderClock"], 1350000);
+    EXPECT_EQ(first["memoryWidth"], 352);
+    EXPECT_EQ(first["busType"], "PCI Express");
+    EXPECT_EQ(first["sli"], true);
+    EXPECT_EQ(first["versionMajor"], 7);
+    EXPECT_EQ(first["versionMinor"], 5);
+    EXPECT_EQ(first["uuid"], "GPU-6d5e3c2a-8f41-4b7e-a1c9-2f6b0d9e4a11");
+    EXPECT_EQ(first["temperatureCurrent"], 47);
+    EXPECT_EQ(first["eccErrorsCorrectedVolatile"], 0);
+    EXPECT_EQ(first["crossfire"], nullptr);
+    EXPECT_EQ(first["nativeMonitorHandle"], nullptr);
+
+    EXPECT_EQ(gpus[1]["pciLocation"], "0000:66:00.0");
+    EXPECT_EQ(gpus[1]["sli"], true);
+    EXPECT_EQ(gpus[1]["eccErrorsCorrectedVolatile"], nullptr) << "this card's NVML reports no ECC counts";
+
+    const json& amd = gpus[2];
+    EXPECT_EQ(amd["pciLocation"], "0000:0a:00.0");
+    EXPECT_EQ(amd["name"], "AMD Radeon Pro W6800");
+    EXPECT_EQ(amd["temperatureCurrent"], 52);
+    EXPECT_EQ(amd["dedicatedMemory"], 33554432);
+    EXPECT_EQ(amd["graphicsClock"], 2155000);
+    EXPECT_EQ(amd["fanSpeedRPM"], 980);
+    EXPECT_EQ(amd["coreCount"], nullptr);
+}
+
+TEST(KestrelTool, TextReportShowsWhatIsKnownWithUnits)
+{
+    const ProcessResult run = kestrelWith({"--simulate", scenario("workstation")});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    for (const char* line : {"0000:65:00.0  NVIDIA GeForce RTX 2080 Ti", "  Graphics clock: 1545000 kHz",
+                             "  Dedicated memory: 11534336 KB", "  Temperature: 47 °C", "  GPU utilization: 12%",
+                             "  CUDA compute capability: 7.5", "  SLI: yes", "0000:0a:00.0  AMD Radeon Pro W6800",
+                             "  Fan speed: 980 RPM", "  Memory bandwidth: 512000 MB/s"})
+        EXPECT_TRUE(hasLine(run.out, line)) << line << "\n" << run.out;
+    EXPECT_EQ(run.out.find("null"), std::string::npos);
+    EXPECT_EQ(run.out.find("CrossFire"), std::string::npos) << "unknown properties are left out";
+
+    const ProcessResult starved = kestrelWith({"--simulate", scenario("power-starved")});
+    EXPECT_TRUE(hasLine(starved.out, "Note: NVML left out a GPU that does not have enough power (check its power "
+                                     "cables)."));
+    EXPECT_EQ(json::parse(kestrelWith({"--simulate", scenario("power-starved"), "--json"}).out)["insufficientPower"],
+              true);
+}
+
+TEST(KestrelTool, AnEmptyMachineSaysSo)
+{
+    const std::string empty = kestrel::test::temporaryPath("empty.json");
+    std::ofstream(empty) << "{}";
+    const ProcessResult run = kestrelWith({"--simulate", empty});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.out, "No GPU found.\n");
+    std::remove(empty.c_str());
+}
+
+TEST(KestrelTool, BadInputEndsWithOneLineAndExitCode2)
+{
+    const std::string broken = kestrel::test::temporaryPath("broken.json");
+    std::ofstream(broken) << "{\n  \"gpus\": [\n    { \"name\": \"x\", }\n  ]\n}\n";
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string mentions;
+    };
+    const std::vector<Case> cases = {
+        {{"--frobnicate"}, "--frobnicate"},
+        {{"--log-level", "9"}, "--log-level"},
+        {{"--watch", "soon"}, "--watch"},
+        {{"--simulate", scenario("no-such-machine")}, "cannot read scenario"},
+        {{"--simulate", broken}, "line 3, column"},
+    };
+    for (const Case& bad : cases) {
+        const ProcessResult run = kestrelWith(bad.arguments);
+        EXPECT_EQ(run.exitCode, 2) << bad.arguments[0];
+        EXPECT_EQ(run.out, "") << bad.arguments[0];
+        ASSERT_EQ(linesOf(run.err).size(), 1u) << run.err;
+        EXPECT_EQ(run.err.rfind("kestrel: ", 0), 0u) << run.err;
+        EXPECT_NE(run.err.find(bad.mentions), std::string::npos) << run.err;
+    }
+    std::remove(broken.c_str());
+}
+
+TEST(KestrelTool, LogLevelOneTracesTheLibraryOnStandardError)
+{
+    const ProcessResult quiet = kestrelWith({"--simulate", scenario("laptop")});
+    EXPECT_EQ(quiet.err, "") << "the log is off by default";
+
+    const ProcessResult traced = kestrelWith({"--simulate", scenario("laptop"), "--log-level", "1"});
+    EXPECT_EQ(traced.exitCode, 0);
+    EXPECT_EQ(traced.out, quiet.out) << "the report is the same";
+    EXPECT_TRUE(hasLine(traced.err, "libKestrel.NVidiaNvmlGPUQuerierMulti [TRACE] Entering queryNVidiaNvmlGPUsMulti "
+                                    "(libKestrel/src/multi/NVidiaNvmlGPUQuerierMulti.cpp:189)"))
+        << traced.err;
+    EXPECT_TRUE(hasLine(traced.err, "libKestrel.Kestrel [TRACE] Leaving mergeGPUs"));
+    EXPECT_TRUE(hasLine(traced.err, "libKestrel.NVML [TRACE] 188 Temperature current (Celsius): 63"));
+}
+
+TEST(KestrelTool, HelpAndVersionEndWell)
+{
+    const ProcessResult help = kestrelWith({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("--simulate FILE"), std::string::npos);
+    const ProcessResult version = kestrelWith({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out.rfind("kestrel ", 0), 0u);
+}
+
+} // namespace
