@@ -14,8 +14,10 @@ struct State {
 
 State& state()
 {
-    static State* instance = new State(); // modules may still record from their own static destructors
-    return *instance;
+    // Built by the first module to record (its load), so destroyed only after that
+    // module's own static destructors have recorded its unload.
+    static State instance;
+    return instance;
 }
 
 } // namespace

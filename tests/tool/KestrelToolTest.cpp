@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -19,9 +20,19 @@ const char* const program = "kestrel.exe";
 const char* const program = "kestrel";
 #endif
 
+// Windows programs end their lines with CR LF; the tests read LF.
+std::string withoutCarriageReturns(std::string text)
+{
+    text.erase(std::remove(text.begin(), text.end(), '\r'), text.end());
+    return text;
+}
+
 ProcessResult kestrelWith(const std::vector<std::string>& arguments)
 {
-    return kestrel::test::runProcess(kestrel::test::executableDirectory() + program, arguments);
+    ProcessResult run = kestrel::test::runProcess(kestrel::test::executableDirectory() + program, arguments);
+    run.out = withoutCarriageReturns(run.out);
+    run.err = withoutCarriageReturns(run.err);
+    return run;
 }
 
 std::string scenario(const std::string& name) { return std::string(KESTREL_SCENARIOS) + "/" + name + ".json"; }
