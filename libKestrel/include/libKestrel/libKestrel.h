@@ -1,6 +1,9 @@
 #pragma once
 
-// Everything a host needs: the GPU record and the queries that fill it.
+// Everything a host needs: the GPU record, the queries that fill it, and the
+// device classes.
+#include "libKestrel/ADLWrapper.h"
+#include "libKestrel/AMDGPU.h"
 #include "libKestrel/Export.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"
