@@ -18,13 +18,6 @@ using logging::Priority;
 
 logging::LogSite site("libKestrel", "libKestrel/windows/ADL");
 
-// The 64-bit DLL first; the 32-bit name is tried as a fallback.
-#if defined(_WIN32)
-const char* const candidates[] = {"atiadlxx.dll", "atiadlxy.dll"};
-#else
-const char* const candidates[] = {"libatiadlxx.so"};
-#endif
-
 // The classic entries: the three that start and end ADL, then rows 1-17.
 struct ADLEntries {
     adl::PFN_ADL_Main_ControlX2_Create ADL_Main_ControlX2_Create;
@@ -117,7 +110,7 @@ std::size_t allocatedBytes(const void* block)
 
 bool loadADL(std::unique_ptr<tova::DynamicLibrary>& holder)
 {
-    for (const char* name : candidates) {
+    for (const char* name : adl::ADL_LIBRARY_NAMES) {
         holder = std::make_unique<tova::DynamicLibrary>(tova::String(name));
         if (holder->load())
             return true;
@@ -144,7 +137,7 @@ ADLWrapper::~ADLWrapper() = default;
 
 ADL::Initializer::Initializer()
 {
-    auto trace = site.trace("ADL::Initializer::Initializer()", 145);
+    auto trace = site.trace("ADL::Initializer::Initializer()", 138);
     library.reset();
     if (!loadADL(library))
         throw std::runtime_error("Unable to load ADL binary.");
@@ -155,7 +148,7 @@ ADL::Initializer::Initializer()
 
 void ADL::Initializer::initialize()
 {
-    auto trace = site.trace("ADL::Initializer::initialize()", 156);
+    auto trace = site.trace("ADL::Initializer::initialize()", 149);
     // Enumerate connected adapters only; ADL serialises the calls itself.
     startADL({entries.ADL_Main_ControlX2_Create != nullptr,
               [] { return entries.ADL_Main_ControlX2_Create(adlMemoryAlloc, 1, adl::ADL_THREADING_LOCKED); }, "87 ",
@@ -176,23 +169,23 @@ ADL::Initializer::~Initializer()
 
 ADL::~ADL() = default;
 
-std::shared_ptr<ADL> ADL::make()
+std::shared_ptr<ADL> ADLTables::makeADL()
 {
     std::shared_ptr<ADL> table(new ADL);
     std::lock_guard<std::mutex> lock(adlMutex);
     // Built on the first table; a constructor that throws leaves it unbuilt, and
     // the next table tries again from the library load on.
-    static Initializer initializer;
+    static ADL::Initializer initializer;
     return table;
 }
 
 std::shared_ptr<ADLWrapper> instantiateADL()
 {
-    auto trace = site.trace("std::shared_ptr<libKestrel::ADLWrapper> instantiateADL()", 189);
+    auto trace = site.trace("std::shared_ptr<libKestrel::ADLWrapper> instantiateADL()", 182);
     try {
-        return ADL2::make();
+        return ADLTables::makeADL2();
     } catch (const std::exception&) {
-        return ADL::make();
+        return ADLTables::makeADL();
     }
 }
 

@@ -112,7 +112,7 @@ std::shared_ptr<ADL2> instantiateADL2()
 {
     auto trace = site.trace("std::shared_ptr<libKestrel::ADL2> instantiateADL2()", 111);
     try {
-        return ADL2::make();
+        return ADLTables::makeADL2();
     } catch (const std::exception&) {
         log(site, Priority::TRACE, "46 ", "Unable to create ADL2 object");
         return nullptr;
@@ -131,7 +131,7 @@ ADL2::Initializer::Initializer()
 // At process exit. Every context belongs to a table, which ended it.
 ADL2::Initializer::~Initializer() { library.reset(); }
 
-std::shared_ptr<ADL2> ADL2::make()
+std::shared_ptr<ADL2> ADLTables::makeADL2()
 {
     std::shared_ptr<ADL2> table(new ADL2);
     adl::PFN_ADL2_Main_ControlX2_Create createX2 = nullptr;
@@ -140,7 +140,7 @@ std::shared_ptr<ADL2> ADL2::make()
         std::lock_guard<std::mutex> lock(adl2Mutex);
         // Built on the first table; a constructor that throws leaves it unbuilt,
         // and the next table tries again from the library load on.
-        static Initializer initializer;
+        static ADL2::Initializer initializer;
         refreshLifetimeEntries();
         createX2 = entries.ADL2_Main_ControlX2_Create;
         create = entries.ADL2_Main_Control_Create;

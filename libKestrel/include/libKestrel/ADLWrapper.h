@@ -9,6 +9,7 @@ namespace libKestrel {
 
 class ADLWrapper;
 class ADL2;
+struct ADLTables;
 
 // A call table for ADL: an ADL2 table when the driver can make an ADL2 context,
 // else a table over the classic entries. Throws std::runtime_error only when
@@ -88,7 +89,7 @@ public:
     int Display_NumberOfDisplays_Get(int iAdapterIndex, int* lpNumDisplays) override;
 
 private:
-    friend std::shared_ptr<ADLWrapper> instantiateADL();
+    friend struct ADLTables; // makes the tables
 
     // Loads ADL, starts its main control and looks up the entries; once per
     // process, and again after a start that failed.
@@ -104,7 +105,6 @@ private:
     };
 
     ADL() = default;
-    static std::shared_ptr<ADL> make();
 };
 
 // The context-based entries, on a context of this table's own, and the
@@ -152,8 +152,7 @@ public:
                                                  int** lppCurrentSettingList);
 
 private:
-    friend std::shared_ptr<ADLWrapper> instantiateADL();
-    friend std::shared_ptr<ADL2> instantiateADL2();
+    friend struct ADLTables; // makes the tables
 
     // Loads ADL and looks up the entries; once per process, and again after a
     // load that failed. Contexts are each table's own.
@@ -166,7 +165,6 @@ private:
     };
 
     ADL2() = default;
-    static std::shared_ptr<ADL2> make();
 
     adl::ADL_CONTEXT_HANDLE context = nullptr;
 };

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "libKestrel/ADLWrapper.h"
 #include "tova/DynamicLibrary.h"
 
 // What the two ADL call tables of the device classes share: the library load,
@@ -51,6 +52,14 @@ struct ADLStart {
 // neither starts ADL, logs "Unable to initialize ADL" under 'failedTag' and
 // throws std::runtime_error with those words.
 void startADL(const ADLStart& newer, const ADLStart& older, const char* failedTag);
+
+// Makes the call tables: the initializer on the first table, then an ADL2 table
+// with its own context, or an ADL table on the process's one main control.
+// Throw std::runtime_error when they cannot.
+struct ADLTables {
+    static std::shared_ptr<ADL> makeADL();
+    static std::shared_ptr<ADL2> makeADL2();
+};
 
 // One row of a call table: the driver's entry, called when the driver has it;
 // else std::runtime_error "<missing> not in the driver".
