@@ -37,8 +37,8 @@ pci::PciLocation locationOf(const AdapterInfo& info)
                             static_cast<unsigned char>(info.iFunctionNumber), 0);
 }
 
-// AMD's vendor id, the id of AMD's CPU and chipset devices, and 1002 as a decimal
-// number, which some drivers have reported.
+// ATI's vendor id, which AMD's GPUs carry, AMD's own id, and 1002 read as a
+// decimal number (0x3EA), which is accepted too.
 bool isAMDVendor(int vendorId) { return vendorId == 0x1002 || vendorId == 0x1022 || vendorId == 1002; }
 
 bool hasFamily(int types, int valids, int bit) { return (types & bit) != 0 && (valids & bit) != 0; }
@@ -57,7 +57,7 @@ std::size_t entriesToRead(int reported, const T* list)
 // ADL's adapter list through the call that fills a caller's buffer: 'count'
 // zeroed entries from calloc, so that the list is released with free like the
 // lists ADL allocates. Returns the call's status.
-int readAdapterInfo(ADLWrapper& adl, int count, AdapterInfo*& buffer)
+int readAdapterInfo(ADLWrapper& table, int count, AdapterInfo*& buffer)
 {
     // The byte size is an int; a count beyond what it can express is cut.
     constexpr int most = INT_MAX / static_cast<int>(sizeof(AdapterInfo));
@@ -65,17 +65,17 @@ int readAdapterInfo(ADLWrapper& adl, int count, AdapterInfo*& buffer)
     buffer = static_cast<AdapterInfo*>(std::calloc(static_cast<std::size_t>(entries), sizeof(AdapterInfo)));
     if (!buffer && entries > 0)
         throw std::bad_alloc();
-    return adl.Adapter_AdapterInfo_Get(buffer, entries * static_cast<int>(sizeof(AdapterInfo)));
+    return table.Adapter_AdapterInfo_Get(buffer, entries * static_cast<int>(sizeof(AdapterInfo)));
 }
 
 // Which Overdrive generation the adapter speaks (5, 6, 7 for OverdriveN, 8); 0
 // when the driver does not say.
-int overdriveVersion(ADLWrapper& adl, int adapterIndex, const char* tag)
+int overdriveVersion(ADLWrapper& table, int adapterIndex, const char* tag)
 {
     int supported = 0;
     int enabled = 0;
     int version = 0;
-    adl.Overdrive_Caps(adapterIndex, &supported, &enabled, &version);
+    table.Overdrive_Caps(adapterIndex, &supported, &enabled, &version);
     log(site, Priority::TRACE, tag, "The capabilities have version: ", version);
     return version;
 }
@@ -90,7 +90,7 @@ struct Overdrive8Clock {
 
 // The four clock operations: the first adapter that answers gives the clock, in
 // MHz (ADL counts in 10 kHz). 'overdrive8' is null for the default clocks.
-unsigned int clockInMHz(ADLWrapper& adl, const std::vector<int>& adapters,
+unsigned int clockInMHz(ADLWrapper& table, const std::vector<int>& adapters,
                         adl::ADLODClockSetting adl::ADLAdapterODClockInfo::*clock,
                         int adl::ADLODClockSetting::*value, const Overdrive8Clock* overdrive8)
 {
@@ -99,8 +99,8 @@ unsigned int clockInMHz(ADLWrapper& adl, const std::vector<int>& adapters,
     int& field = (info.*clock).*value;
     try {
         for (int index : adapters) {
-            int status = adl.Display_ODClockInfo_Get(index, &info);
-            if (overdrive8 && overdriveVersion(adl, index, overdrive8->versionTag) == 8) {
+            int status = table.Display_ODClockInfo_Get(index, &info);
+            if (overdrive8 && overdriveVersion(table, index, overdrive8->versionTag) == 8) {
                 status = overdrive8->retrieve(index, field);
                 if (status != 0)
                     log(site, Priority::TRACE, overdrive8->failedTag, overdrive8->failedText);
