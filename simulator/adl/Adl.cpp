@@ -84,6 +84,7 @@ ADL_MAIN_MALLOC_CALLBACK allocator(const Caller& caller)
 struct Call {
     std::optional<int> early;
     std::optional<sim::Fault> fault;
+    const sim::adl::Adapter* adapter = nullptr;
     const Gpu* gpu = nullptr;
 
     bool unterminated() const
@@ -107,8 +108,10 @@ Call begin(const Caller& caller, std::optional<int> adapterIndex = std::nullopt)
         call.early = ADL_ERR_NOT_INIT;
     else if (adapterIndex && !adapter)
         call.early = ADL_ERR_INVALID_ADL_IDX;
-    else if (adapter)
+    else if (adapter) {
+        call.adapter = adapter;
         call.gpu = &machine.gpus[adapter->gpu];
+    }
     return call;
 }
 
@@ -131,8 +134,10 @@ int answer(const Caller& caller, int adapterIndex, Out* out, std::optional<Out> 
     return ADL_OK;
 }
 
-// A main control of the first interface, or with 'context' an ADL2 context.
-int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_CONTEXT_HANDLE* context)
+// A main control of the first interface, or with 'context' an ADL2 context. The
+// X2 forms also say how ADL is to serialise the calls.
+int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_CONTEXT_HANDLE* context,
+                  std::optional<ADLThreadingModel> threading = std::nullopt)
 {
     reloadMachine();
     const auto fault = sim::enter(caller.entry);
@@ -140,6 +145,9 @@ int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_C
         return static_cast<int>(*fault->returnCode);
     if (!callback)
         return ADL_ERR_INVALID_CALLBACK;
+    if (threading)
+        sim::record(std::string("ADL threading model ") +
+                    (*threading == ADL_THREADING_LOCKED ? "locked" : "unlocked"));
     Module& state = module();
     if (!caller.adl2) {
         ++state.controls;
@@ -190,6 +198,318 @@ int adapterInfo(const Caller& caller, LPAdapterInfo info, int size)
     return ADL_OK;
 }
 
+// Hands a list to the caller in a block from its memory callback, which the
+// caller frees: no block for an empty list, or under a "null" fault. 'count',
+// when the call reports one, gets the list's length, or a "count" fault's.
+template <class T>
+int handOut(const Caller& caller, const Call& call, const std::vector<T>& items, T** list, int* count = nullptr)
+{
+    if (count)
+        *count = static_cast<int>(call.fault && call.fault->count ? *call.fault->count
+                                                                 : static_cast<std::int64_t>(items.size()));
+    *list = nullptr;
+    if (items.empty() || (call.fault && call.fault->null))
+        return ADL_OK;
+    constexpr std::size_t most = INT_MAX / sizeof(T);
+    if (items.size() > most)
+        return ADL_ERR;
+    void* memory = allocator(caller)(static_cast<int>(items.size() * sizeof(T)));
+    if (!memory)
+        return ADL_ERR;
+    std::memcpy(memory, items.data(), items.size() * sizeof(T));
+    *list = static_cast<T*>(memory);
+    return ADL_OK;
+}
+
+// Answers that a variant of the module may leave without an entry point are
+// marked [[maybe_unused]].
+
+// The whole adapter list, allocated for the caller.
+[[maybe_unused]] int adapterInfoX2(const Caller& caller, AdapterInfo** list)
+{
+    const Call call = begin(caller);
+    if (call.early)
+        return *call.early;
+    if (!list)
+        return ADL_ERR_NULL_POINTER;
+    std::vector<AdapterInfo> infos;
+    for (const sim::adl::Adapter& adapter : module().machine.adapters) {
+        infos.push_back(adapter.info);
+        if (call.unterminated())
+            sim::adl::unterminate(infos.back());
+    }
+    return handOut(caller, call, infos, list);
+}
+
+int asicFamily(const Caller& caller, int adapterIndex, int* types, int* valids)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!types || !valids)
+        return ADL_ERR_NULL_POINTER;
+    if (!call.adapter->asic)
+        return ADL_ERR_NOT_SUPPORTED;
+    *types = call.adapter->asic->types;
+    *valids = call.adapter->asic->valids;
+    return ADL_OK;
+}
+
+int overdriveCaps(const Caller& caller, int adapterIndex, int* supported, int* enabled, int* version)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!supported || !enabled || !version)
+        return ADL_ERR_NULL_POINTER;
+    if (!call.adapter->overdrive)
+        return ADL_ERR_NOT_SUPPORTED;
+    *supported = call.adapter->overdrive->supported;
+    *enabled = call.adapter->overdrive->enabled;
+    *version = call.adapter->overdrive->version;
+    return ADL_OK;
+}
+
+// A single number about the adapter or its GPU; 'value' gives it, or nothing for
+// a feature the GPU does not have.
+template <class Value>
+int number(const Caller& caller, int adapterIndex, int* out, Value value)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!out)
+        return ADL_ERR_NULL_POINTER;
+    const std::optional<int> found = value(*call.adapter, *call.gpu);
+    if (!found)
+        return ADL_ERR_NOT_SUPPORTED;
+    *out = *found;
+    return ADL_OK;
+}
+
+int adapterId(const Caller& caller, int adapterIndex, int* id)
+{
+    return number(caller, adapterIndex, id,
+                  [](const sim::adl::Adapter&, const Gpu& gpu) { return std::optional<int>(gpu.adapterId); });
+}
+
+int numberOfDisplays(const Caller& caller, int adapterIndex, int* displays)
+{
+    return number(caller, adapterIndex, displays, [](const sim::adl::Adapter& adapter, const Gpu&) {
+        return std::optional<int>(adapter.displays);
+    });
+}
+
+int overdrive6Temperature(const Caller& caller, int adapterIndex, int* temperature)
+{
+    return number(caller, adapterIndex, temperature,
+                  [](const sim::adl::Adapter&, const Gpu& gpu) { return gpu.overdrive6Temperature; });
+}
+
+// OverdriveN knows the GPU core's temperature, type 1.
+int overdriveNTemperature(const Caller& caller, int adapterIndex, int type, int* temperature)
+{
+    return number(caller, adapterIndex, temperature, [type](const sim::adl::Adapter&, const Gpu& gpu) {
+        return type == 1 ? gpu.overdriveNTemperature : std::nullopt;
+    });
+}
+
+// One thermal controller per GPU for the temperature: controller 0.
+[[maybe_unused]] int overdrive5Temperature(const Caller& caller, int adapterIndex, int thermalController, ADLTemperature* temperature)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!temperature)
+        return ADL_ERR_NULL_POINTER;
+    if (thermalController != 0)
+        return ADL_ERR_INVALID_CONTROLLER_IDX;
+    if (!call.gpu->temperature)
+        return ADL_ERR_NOT_SUPPORTED;
+    temperature->iTemperature = *call.gpu->temperature;
+    return ADL_OK;
+}
+
+[[maybe_unused]] int thermalDevices(const Caller& caller, int adapterIndex, int thermalController, ADLThermalControllerInfo* info)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!info)
+        return ADL_ERR_NULL_POINTER;
+    if (!call.gpu->thermalControllers)
+        return ADL_ERR_NOT_SUPPORTED;
+    const auto& controllers = *call.gpu->thermalControllers;
+    if (thermalController < 0 || static_cast<std::size_t>(thermalController) >= controllers.size())
+        return ADL_ERR_INVALID_CONTROLLER_IDX;
+    *info = controllers[static_cast<std::size_t>(thermalController)];
+    return ADL_OK;
+}
+
+int currentActivity(const Caller& caller, int adapterIndex, ADLPMActivity* activity)
+{
+    return answer(caller, adapterIndex, activity, &Gpu::activity);
+}
+
+int odClockInfo(const Caller& caller, int adapterIndex, ADLAdapterODClockInfo* info)
+{
+    return answer(caller, adapterIndex, info, &Gpu::odClock);
+}
+
+// The combinations are allocated through the caller's memory callback, and the
+// caller frees them.
+int crossfireCaps(const Caller& caller, int adapterIndex, int* preferred, int* numComb,
+                  ADLCrossfireComb** combinations)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!preferred || !numComb || !combinations)
+        return ADL_ERR_NULL_POINTER;
+    if (!call.gpu->crossfire)
+        return ADL_ERR_NOT_SUPPORTED;
+    const sim::adl::Crossfire& crossfire = *call.gpu->crossfire;
+    // A "count" fault lists that many combinations, the missing ones empty.
+    constexpr std::int64_t most = INT_MAX / static_cast<std::int64_t>(sizeof(ADLCrossfireComb));
+    const std::int64_t listed = call.fault && call.fault->count ? std::clamp<std::int64_t>(*call.fault->count, 0, most)
+                                                                : static_cast<std::int64_t>(crossfire.combinations.size());
+    std::vector<ADLCrossfireComb> list;
+    for (std::int64_t i = 0; i < listed; ++i)
+        list.push_back(static_cast<std::size_t>(i) < crossfire.combinations.size() ? crossfire.combinations[i].links
+                                                                                   : ADLCrossfireComb{});
+    *preferred = crossfire.preferred;
+    *numComb = static_cast<int>(listed);
+    return handOut(caller, call, list, combinations);
+}
+
+// Answers for the combination the caller passes, found by its links.
+int crossfireGet(const Caller& caller, int adapterIndex, ADLCrossfireComb* combination, ADLCrossfireInfo* info)
+{
+    const Call call = begin(caller, adapterIndex);
+    if (call.early)
+        return *call.early;
+    if (!combination || !info)
+        return ADL_ERR_NULL_POINTER;
+    if (!call.gpu->crossfire)
+        return ADL_ERR_NOT_SUPPORTED;
+    for (const sim::adl::Combination& known : call.gpu->crossfire->combinations)
+        if (std::memcmp(&known.links, combination, sizeof(ADLCrossfireComb)) == 0) {
+            *info = known.info;
+            return ADL_OK;
+        }
+    return ADL_ERR_INVALID_PARAM;
+}
+
+// The start of every Overdrive 8 call: the GPU's Overdrive 8 state (which a
+// setting changes until the scenario is read again), or the status to return.
+struct Overdrive8Call {
+    Call call;
+    sim::adl::Overdrive8* overdrive8 = nullptr;
+    std::optional<int> early;
+};
+
+Overdrive8Call beginOverdrive8(const Caller& caller, int adapterIndex, std::initializer_list<const void*> outputs)
+{
+    Overdrive8Call od8;
+    od8.call = begin(caller, adapterIndex);
+    if (od8.call.early)
+        od8.early = od8.call.early;
+    else if (std::find(outputs.begin(), outputs.end(), nullptr) != outputs.end())
+        od8.early = ADL_ERR_NULL_POINTER;
+    else if (!module().machine.gpus[od8.call.adapter->gpu].overdrive8)
+        od8.early = ADL_ERR_NOT_SUPPORTED;
+    else
+        od8.overdrive8 = &*module().machine.gpus[od8.call.adapter->gpu].overdrive8;
+    return od8;
+}
+
+// The fixed records hold the first OD8_COUNT entries.
+void fill(ADLOD8CurrentSetting& record, const std::vector<int>& current)
+{
+    record.count = static_cast<int>(std::min<std::size_t>(current.size(), OD8_COUNT));
+    std::copy_n(current.begin(), record.count, record.Od8SettingTable);
+}
+
+int od8InitSetting(const Caller& caller, int adapterIndex, ADLOD8InitSetting* init)
+{
+    const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {init});
+    if (od8.early)
+        return *od8.early;
+    init->overdrive8Capabilities = od8.overdrive8->capabilities;
+    init->count = static_cast<int>(std::min<std::size_t>(od8.overdrive8->settings.size(), OD8_COUNT));
+    std::copy_n(od8.overdrive8->settings.begin(), init->count, init->od8SettingTable);
+    return ADL_OK;
+}
+
+int od8CurrentSetting(const Caller& caller, int adapterIndex, ADLOD8CurrentSetting* current)
+{
+    const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {current});
+    if (od8.early)
+        return *od8.early;
+    fill(*current, od8.overdrive8->current);
+    return ADL_OK;
+}
+
+// Applies the requested settings (a reset one goes back to its default) and
+// reports the current values.
+[[maybe_unused]] int od8SettingSet(const Caller& caller, int adapterIndex, ADLOD8SetSetting* set, ADLOD8CurrentSetting* current)
+{
+    const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {set, current});
+    if (od8.early)
+        return *od8.early;
+    std::vector<int>& values = od8.overdrive8->current;
+    const int count = std::clamp(set->count, 0, OD8_COUNT);
+    for (int i = 0; i < count; ++i) {
+        const ADLOD8SingleSetSetting& setting = set->od8SettingTable[i];
+        if (!setting.requested)
+            continue;
+        const auto& defaults = od8.overdrive8->settings;
+        const int value = setting.reset && static_cast<std::size_t>(i) < defaults.size() ? defaults[i].defaultValue
+                                                                                        : setting.value;
+        if (values.size() <= static_cast<std::size_t>(i))
+            values.resize(static_cast<std::size_t>(i) + 1);
+        values[i] = value;
+        sim::record("ADL2 OD8 setting " + std::to_string(i) + " set to " + std::to_string(value));
+    }
+    fill(*current, values);
+    return ADL_OK;
+}
+
+// The PM log; a "null" fault answers ADL_OK and writes nothing.
+int pmLogData(const Caller& caller, int adapterIndex, ADLPMLogDataOutput* output)
+{
+    const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {output});
+    if (od8.early)
+        return *od8.early;
+    if (!(od8.call.fault && od8.call.fault->null))
+        *output = od8.overdrive8->pmLog;
+    return ADL_OK;
+}
+
+int od8InitSettingX2(const Caller& caller, int adapterIndex, int* capabilities, int* numberOfFeatures,
+                     ADLOD8SingleInitSetting** list)
+{
+    const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {capabilities, numberOfFeatures, list});
+    if (od8.early)
+        return *od8.early;
+    *capabilities = od8.overdrive8->capabilities;
+    return handOut(caller, od8.call, od8.overdrive8->settings, list, numberOfFeatures);
+}
+
+int od8CurrentSettingX2(const Caller& caller, int adapterIndex, int* numberOfFeatures, int** list)
+{
+    const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {numberOfFeatures, list});
+    if (od8.early)
+        return *od8.early;
+    return handOut(caller, od8.call, od8.overdrive8->current, list, numberOfFeatures);
+}
+
+int refreshControl(const Caller& caller)
+{
+    const Call call = begin(caller);
+    return call.early ? *call.early : ADL_OK;
+}
+
 } // namespace
 
 // The simulator implements exactly the signatures the library calls through.
@@ -231,22 +551,6 @@ SIM_EXPORT int ADL_Adapter_VideoBiosInfo_Get(int adapterIndex, ADLBiosInfo* bios
 }
 CHECK_SIGNATURE(ADL_Adapter_VideoBiosInfo_Get);
 
-SIM_EXPORT int ADL_Overdrive5_Temperature_Get(int adapterIndex, int thermalController, ADLTemperature* temperature)
-{
-    const Call call = begin({"ADL_Overdrive5_Temperature_Get"}, adapterIndex);
-    if (call.early)
-        return *call.early;
-    if (!temperature)
-        return ADL_ERR_NULL_POINTER;
-    if (thermalController != 0)
-        return ADL_ERR_INVALID_CONTROLLER_IDX; // one thermal controller per GPU
-    if (!call.gpu->temperature)
-        return ADL_ERR_NOT_SUPPORTED;
-    temperature->iTemperature = *call.gpu->temperature;
-    return ADL_OK;
-}
-CHECK_SIGNATURE(ADL_Overdrive5_Temperature_Get);
-
 SIM_EXPORT int ADL_Overdrive6_FanSpeed_Get(int adapterIndex, ADLOD6FanSpeedInfo* fan)
 {
     return answer({"ADL_Overdrive6_FanSpeed_Get"}, adapterIndex, fan, &Gpu::fanSpeed);
@@ -267,59 +571,117 @@ SIM_EXPORT int ADL_Adapter_MemoryInfo_Get(int adapterIndex, ADLMemoryInfo* memor
 CHECK_SIGNATURE(ADL_Adapter_MemoryInfo_Get);
 #endif
 
-// The combinations are allocated through the caller's memory callback, and the
-// caller frees them.
-SIM_EXPORT int ADL_Adapter_Crossfire_Caps(int adapterIndex, int* preferred, int* numComb,
-                                          ADLCrossfireComb** combinations)
-{
-    const Caller caller{"ADL_Adapter_Crossfire_Caps"};
-    const Call call = begin(caller, adapterIndex);
-    if (call.early)
-        return *call.early;
-    if (!preferred || !numComb || !combinations)
-        return ADL_ERR_NULL_POINTER;
-    if (!call.gpu->crossfire)
-        return ADL_ERR_NOT_SUPPORTED;
-    const sim::adl::Crossfire& crossfire = *call.gpu->crossfire;
-    // A "count" fault lists that many combinations, the missing ones empty.
-    constexpr std::int64_t most = INT_MAX / static_cast<std::int64_t>(sizeof(ADLCrossfireComb));
-    const std::int64_t listed = call.fault && call.fault->count ? std::clamp<std::int64_t>(*call.fault->count, 0, most)
-                                                                : static_cast<std::int64_t>(crossfire.combinations.size());
-    *preferred = crossfire.preferred;
-    *numComb = static_cast<int>(listed);
-    *combinations = nullptr;
-    if (listed == 0 || (call.fault && call.fault->null))
-        return ADL_OK;
-    void* memory = allocator(caller)(static_cast<int>(listed * static_cast<std::int64_t>(sizeof(ADLCrossfireComb))));
-    if (!memory)
-        return ADL_ERR;
-    auto* list = static_cast<ADLCrossfireComb*>(memory);
-    for (std::int64_t i = 0; i < listed; ++i)
-        list[i] = static_cast<std::size_t>(i) < crossfire.combinations.size() ? crossfire.combinations[i].links
-                                                                              : ADLCrossfireComb{};
-    *combinations = list;
-    return ADL_OK;
-}
-CHECK_SIGNATURE(ADL_Adapter_Crossfire_Caps);
+// The entries below exist in both forms: ADL_<name>(parameters) for the first
+// interface, ADL2_<name>(context, parameters) on a context, with one answer.
+#define SIM_UNPAREN(...) __VA_ARGS__
+#define SIM_ADL_FORM(name, answer, parameters, arguments)                                                     \
+    SIM_EXPORT int ADL_##name parameters { return answer({"ADL_" #name}, SIM_UNPAREN arguments); }           \
+    CHECK_SIGNATURE(ADL_##name);
+#define SIM_ADL2_FORM(name, answer, parameters, arguments)                                                    \
+    SIM_EXPORT int ADL2_##name(ADL_CONTEXT_HANDLE context, SIM_UNPAREN parameters)                            \
+    {                                                                                                         \
+        return answer({"ADL2_" #name, true, context}, SIM_UNPAREN arguments);                                 \
+    }                                                                                                         \
+    CHECK_SIGNATURE(ADL2_##name);
+#define SIM_BOTH_FORMS(name, answer, parameters, arguments)                                                   \
+    SIM_ADL_FORM(name, answer, parameters, arguments)                                                         \
+    SIM_ADL2_FORM(name, answer, parameters, arguments)
 
-// Answers for the combination the caller passes, found by its links.
-SIM_EXPORT int ADL_Adapter_Crossfire_Get(int adapterIndex, ADLCrossfireComb* combination, ADLCrossfireInfo* info)
+#if !defined(SIM_OMIT_ADL_Main_ControlX2_Create)
+SIM_EXPORT int ADL_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADLThreadingModel threading)
 {
-    const Call call = begin({"ADL_Adapter_Crossfire_Get"}, adapterIndex);
-    if (call.early)
-        return *call.early;
-    if (!combination || !info)
-        return ADL_ERR_NULL_POINTER;
-    if (!call.gpu->crossfire)
-        return ADL_ERR_NOT_SUPPORTED;
-    for (const sim::adl::Combination& known : call.gpu->crossfire->combinations)
-        if (std::memcmp(&known.links, combination, sizeof(ADLCrossfireComb)) == 0) {
-            *info = known.info;
-            return ADL_OK;
-        }
-    return ADL_ERR_INVALID_PARAM;
+    return createControl({"ADL_Main_ControlX2_Create"}, callback, nullptr, threading);
 }
-CHECK_SIGNATURE(ADL_Adapter_Crossfire_Get);
+CHECK_SIGNATURE(ADL_Main_ControlX2_Create);
+#endif
+
+#if !defined(SIM_OMIT_ADL2_Main_ControlX2_Create)
+SIM_EXPORT int ADL2_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADL_CONTEXT_HANDLE* context,
+                                          ADLThreadingModel threading)
+{
+    return createControl({"ADL2_Main_ControlX2_Create", true}, callback, context, threading);
+}
+CHECK_SIGNATURE(ADL2_Main_ControlX2_Create);
+#endif
+
+SIM_EXPORT int ADL_Main_Control_Refresh() { return refreshControl({"ADL_Main_Control_Refresh"}); }
+CHECK_SIGNATURE(ADL_Main_Control_Refresh);
+
+#if !defined(SIM_OMIT_ADL2_Main_Control_Refresh)
+SIM_EXPORT int ADL2_Main_Control_Refresh(ADL_CONTEXT_HANDLE context)
+{
+    return refreshControl({"ADL2_Main_Control_Refresh", true, context});
+}
+CHECK_SIGNATURE(ADL2_Main_Control_Refresh);
+#endif
+
+#if !defined(SIM_OMIT_ADL_Adapter_AdapterInfoX2_Get)
+SIM_ADL_FORM(Adapter_AdapterInfoX2_Get, adapterInfoX2, (AdapterInfo** list), (list))
+#endif
+#if !defined(SIM_OMIT_ADL2_Adapter_AdapterInfoX2_Get)
+SIM_ADL2_FORM(Adapter_AdapterInfoX2_Get, adapterInfoX2, (AdapterInfo** list), (list))
+#endif
+
+#if !defined(SIM_OMIT_ADL_Overdrive5_Temperature_Get)
+SIM_ADL_FORM(Overdrive5_Temperature_Get, overdrive5Temperature,
+             (int adapterIndex, int thermalController, ADLTemperature* temperature),
+             (adapterIndex, thermalController, temperature))
+#endif
+#if !defined(SIM_OMIT_ADL2_Overdrive5_Temperature_Get)
+SIM_ADL2_FORM(Overdrive5_Temperature_Get, overdrive5Temperature,
+              (int adapterIndex, int thermalController, ADLTemperature* temperature),
+              (adapterIndex, thermalController, temperature))
+#endif
+
+#if !defined(SIM_OMIT_ADL_Overdrive5_ThermalDevices_Enum)
+SIM_ADL_FORM(Overdrive5_ThermalDevices_Enum, thermalDevices,
+             (int adapterIndex, int thermalController, ADLThermalControllerInfo* info),
+             (adapterIndex, thermalController, info))
+#endif
+#if !defined(SIM_OMIT_ADL2_Overdrive5_ThermalDevices_Enum)
+SIM_ADL2_FORM(Overdrive5_ThermalDevices_Enum, thermalDevices,
+              (int adapterIndex, int thermalController, ADLThermalControllerInfo* info),
+              (adapterIndex, thermalController, info))
+#endif
+
+SIM_BOTH_FORMS(Adapter_ASICFamilyType_Get, asicFamily, (int adapterIndex, int* types, int* valids),
+               (adapterIndex, types, valids))
+SIM_BOTH_FORMS(Adapter_Crossfire_Caps, crossfireCaps,
+               (int adapterIndex, int* preferred, int* numComb, ADLCrossfireComb** combinations),
+               (adapterIndex, preferred, numComb, combinations))
+SIM_BOTH_FORMS(Adapter_Crossfire_Get, crossfireGet,
+               (int adapterIndex, ADLCrossfireComb* combination, ADLCrossfireInfo* info),
+               (adapterIndex, combination, info))
+SIM_BOTH_FORMS(Adapter_ID_Get, adapterId, (int adapterIndex, int* id), (adapterIndex, id))
+SIM_BOTH_FORMS(Overdrive6_Temperature_Get, overdrive6Temperature, (int adapterIndex, int* temperature),
+               (adapterIndex, temperature))
+SIM_BOTH_FORMS(OverdriveN_Temperature_Get, overdriveNTemperature,
+               (int adapterIndex, int type, int* temperature), (adapterIndex, type, temperature))
+SIM_BOTH_FORMS(Overdrive_Caps, overdriveCaps, (int adapterIndex, int* supported, int* enabled, int* version),
+               (adapterIndex, supported, enabled, version))
+SIM_BOTH_FORMS(Overdrive5_CurrentActivity_Get, currentActivity, (int adapterIndex, ADLPMActivity* activity),
+               (adapterIndex, activity))
+SIM_BOTH_FORMS(Display_ODClockInfo_Get, odClockInfo, (int adapterIndex, ADLAdapterODClockInfo* info),
+               (adapterIndex, info))
+SIM_BOTH_FORMS(Display_NumberOfDisplays_Get, numberOfDisplays, (int adapterIndex, int* displays),
+               (adapterIndex, displays))
+
+SIM_ADL2_FORM(Overdrive8_Init_Setting_Get, od8InitSetting, (int adapterIndex, ADLOD8InitSetting* init),
+              (adapterIndex, init))
+SIM_ADL2_FORM(Overdrive8_Current_Setting_Get, od8CurrentSetting, (int adapterIndex, ADLOD8CurrentSetting* current),
+              (adapterIndex, current))
+#if !defined(SIM_OMIT_ADL2_Overdrive8_Setting_Set)
+SIM_ADL2_FORM(Overdrive8_Setting_Set, od8SettingSet,
+              (int adapterIndex, ADLOD8SetSetting* set, ADLOD8CurrentSetting* current),
+              (adapterIndex, set, current))
+#endif
+SIM_ADL2_FORM(New_QueryPMLogData_Get, pmLogData, (int adapterIndex, ADLPMLogDataOutput* output),
+              (adapterIndex, output))
+SIM_ADL2_FORM(Overdrive8_Init_SettingX2_Get, od8InitSettingX2,
+              (int adapterIndex, int* capabilities, int* numberOfFeatures, ADLOD8SingleInitSetting** list),
+              (adapterIndex, capabilities, numberOfFeatures, list))
+SIM_ADL2_FORM(Overdrive8_Current_SettingX2_Get, od8CurrentSettingX2,
+              (int adapterIndex, int* numberOfFeatures, int** list), (adapterIndex, numberOfFeatures, list))
 
 #if !defined(SIM_OMIT_ADL2_Main_Control_Create)
 SIM_EXPORT int ADL2_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADL_CONTEXT_HANDLE* context)

@@ -162,12 +162,144 @@ std::optional<Crossfire> readCrossfire(const json& section)
     if (combinations.is_array())
         for (const json& entry : combinations) {
             const json& links = entry.is_object() ? member(entry, "adapters") : entry;
-            crossfire.combinations.push_back({readLinks(links), readCrossfireInfo(entry, shared)});
+            Combination combination{readLinks(links), readCrossfireInfo(entry, shared)};
+            // "linkCount" reports another number of links than the list holds.
+            combination.links.iNumLinkAdapter = integer(entry, "linkCount", combination.links.iNumLinkAdapter);
+            crossfire.combinations.push_back(combination);
         }
     return crossfire;
 }
 
-Gpu readGpu(const json& adl)
+std::optional<AsicFamily> readAsic(const json& section)
+{
+    if (!section.is_object())
+        return std::nullopt;
+    return AsicFamily{integer(section, "types", 0), integer(section, "valids", 0)};
+}
+
+std::optional<OverdriveCaps> readOverdriveCaps(const json& section)
+{
+    if (!section.is_object())
+        return std::nullopt;
+    return OverdriveCaps{integer(section, "supported", 1), integer(section, "enabled", 1),
+                         integer(section, "version", 5)};
+}
+
+std::optional<vendor::ADLPMActivity> readActivity(const json& overdrive5)
+{
+    const json& section = member(overdrive5, "activity");
+    if (!section.is_object())
+        return std::nullopt;
+    vendor::ADLPMActivity activity{};
+    activity.iSize = sizeof(activity);
+    activity.iEngineClock = integer(section, "engineClock", 0);
+    activity.iMemoryClock = integer(section, "memoryClock", 0);
+    activity.iVddc = integer(section, "vddc", 0);
+    activity.iActivityPercent = integer(section, "percent", 0);
+    activity.iCurrentPerformanceLevel = integer(section, "performanceLevel", 0);
+    activity.iCurrentBusSpeed = integer(section, "busSpeed", 0);
+    activity.iCurrentBusLanes = integer(section, "busLanes", 0);
+    activity.iMaximumBusLanes = integer(section, "maxBusLanes", 0);
+    return activity;
+}
+
+std::optional<std::vector<vendor::ADLThermalControllerInfo>> readThermalControllers(const json& overdrive5)
+{
+    const json& list = member(overdrive5, "thermalControllers");
+    if (!list.is_array())
+        return std::nullopt;
+    std::vector<vendor::ADLThermalControllerInfo> controllers;
+    for (const json& entry : list) {
+        vendor::ADLThermalControllerInfo info{};
+        info.iSize = sizeof(info);
+        info.iThermalDomain = integer(entry, "domain", vendor::ADL_DL_THERMAL_DOMAIN_GPU);
+        info.iDomainIndex = integer(entry, "index", 0);
+        info.iFlags = integer(entry, "flags", 0);
+        controllers.push_back(info);
+    }
+    return controllers;
+}
+
+std::optional<int> readNumber(const json& section, const char* key)
+{
+    const json& value = member(section, key);
+    if (!value.is_number_integer())
+        return std::nullopt;
+    return static_cast<int>(value.get<std::int64_t>());
+}
+
+vendor::ADLODClockSetting readClockSetting(const json& section)
+{
+    vendor::ADLODClockSetting setting{};
+    setting.iDefaultClock = integer(section, "default", 0);
+    setting.iCurrentClock = integer(section, "current", 0);
+    setting.iMaxClock = integer(section, "max", 0);
+    setting.iMinClock = integer(section, "min", 0);
+    setting.iRequestedClock = integer(section, "requested", 0);
+    setting.iStepClock = integer(section, "step", 0);
+    return setting;
+}
+
+std::optional<vendor::ADLAdapterODClockInfo> readODClock(const json& section)
+{
+    if (!section.is_object())
+        return std::nullopt;
+    vendor::ADLAdapterODClockInfo info{};
+    info.iSize = sizeof(info);
+    info.iFlags = integer(section, "flags", 0);
+    info.sEngineClock = readClockSetting(member(section, "engine"));
+    info.sMemoryClock = readClockSetting(member(section, "memory"));
+    return info;
+}
+
+// "settings" and "current": a list, or how many made-up entries (at most 1024).
+std::vector<json> entries(const json& value)
+{
+    if (value.is_array())
+        return value.get<std::vector<json>>();
+    std::vector<json> made;
+    if (value.is_number_integer())
+        for (std::int64_t i = 0; i < std::min<std::int64_t>(value.get<std::int64_t>(), 1024); ++i)
+            made.push_back(json());
+    return made;
+}
+
+std::optional<Overdrive8> readOverdrive8(const json& section)
+{
+    if (!section.is_object())
+        return std::nullopt;
+    Overdrive8 overdrive8;
+    overdrive8.capabilities = integer(section, "capabilities", 0);
+    int id = 0;
+    for (const json& entry : entries(member(section, "settings"))) {
+        vendor::ADLOD8SingleInitSetting setting{};
+        setting.featureID = integer(entry, "id", id);
+        setting.minValue = integer(entry, "min", 100 * id);
+        setting.maxValue = integer(entry, "max", 100 * id + 50);
+        setting.defaultValue = integer(entry, "default", 100 * id + 25);
+        overdrive8.settings.push_back(setting);
+        ++id;
+    }
+    int position = 0;
+    for (const json& value : entries(member(section, "current"))) {
+        overdrive8.current.push_back(value.is_number_integer() ? static_cast<int>(value.get<std::int64_t>())
+                                                               : 1000 + position);
+        ++position;
+    }
+    overdrive8.pmLog.size = sizeof(overdrive8.pmLog);
+    const json& sensors = member(section, "pmlog");
+    if (sensors.is_array())
+        for (const json& sensor : sensors) {
+            const std::int64_t index = wide(sensor, "sensor", -1);
+            if (index < 0 || index >= vendor::ADL_PMLOG_MAX_SENSORS)
+                continue;
+            overdrive8.pmLog.sensors[index].supported = integer(sensor, "supported", 1);
+            overdrive8.pmLog.sensors[index].value = integer(sensor, "value", 0);
+        }
+    return overdrive8;
+}
+
+Gpu readGpu(const json& adl, const vendor::AdapterInfo& first)
 {
     Gpu gpu;
     gpu.bios = readBios(member(adl, "bios"));
@@ -176,6 +308,14 @@ Gpu readGpu(const json& adl)
     gpu.fanSpeed = readFanSpeed(member(adl, "overdrive6"));
     gpu.memory = readMemory(member(adl, "memory"));
     gpu.crossfire = readCrossfire(member(adl, "crossfire"));
+    gpu.activity = readActivity(member(adl, "overdrive5"));
+    gpu.thermalControllers = readThermalControllers(member(adl, "overdrive5"));
+    gpu.overdrive6Temperature = readNumber(member(adl, "overdrive6"), "temperature");
+    gpu.overdriveNTemperature = readNumber(member(adl, "overdriveN"), "temperature");
+    gpu.odClock = readODClock(member(adl, "odClock"));
+    gpu.overdrive8 = readOverdrive8(member(adl, "overdrive8"));
+    // One id per physical adapter, from its PCI location unless the scenario says.
+    gpu.adapterId = integer(adl, "adapterId", (first.iBusNumber << 8) | (first.iDeviceNumber << 3) | first.iFunctionNumber);
     return gpu;
 }
 
@@ -226,7 +366,6 @@ Machine readMachine(const json& scenario)
         if (!adl.is_object())
             continue; // not a GPU ADL sees
         const std::size_t gpuIndex = machine.gpus.size();
-        machine.gpus.push_back(readGpu(adl));
         // "adapters": a list of adapter objects, or how many plain ones; one by default.
         const json& adapters = member(adl, "adapters");
         json list = adapters.is_array() ? adapters : json::array();
@@ -235,10 +374,22 @@ Machine readMachine(const json& scenario)
                 list.push_back(json::object());
         else if (!adapters.is_array())
             list.push_back(json::object());
+        const std::optional<AsicFamily> asic = readAsic(member(adl, "asic"));
+        const std::optional<OverdriveCaps> overdrive = readOverdriveCaps(member(adl, "overdrive"));
         for (const json& adapter : list) {
             const int position = static_cast<int>(machine.adapters.size());
-            machine.adapters.push_back({readAdapter(adapter, adl, gpu, position), gpuIndex});
+            Adapter entry;
+            entry.info = readAdapter(adapter, adl, gpu, position);
+            entry.gpu = gpuIndex;
+            entry.asic = member(adapter, "asic").is_object() ? readAsic(member(adapter, "asic")) : asic;
+            entry.overdrive =
+                member(adapter, "overdrive").is_object() ? readOverdriveCaps(member(adapter, "overdrive")) : overdrive;
+            entry.displays = integer(adapter, "displays", entry.info.strDisplayName[0] != '\0' ? 1 : 0);
+            machine.adapters.push_back(entry);
         }
+        const vendor::AdapterInfo none{};
+        const std::size_t first = machine.adapters.size() - list.size();
+        machine.gpus.push_back(readGpu(adl, list.empty() ? none : machine.adapters[first].info));
     }
     return machine;
 }

@@ -26,6 +26,29 @@ struct Crossfire {
     std::vector<Combination> combinations;
 };
 
+// Adapter_ASICFamilyType_Get: the family bits and which of them are valid.
+struct AsicFamily {
+    int types = 0;
+    int valids = 0;
+};
+
+// Overdrive_Caps; version 5, 6, 7 (OverdriveN) or 8.
+struct OverdriveCaps {
+    int supported = 0;
+    int enabled = 0;
+    int version = 0;
+};
+
+// Overdrive 8: the initial settings and current values, as long as the scenario
+// makes them (the X2 calls hand out every entry, the fixed records at most
+// OD8_COUNT), and the PM log's sensors.
+struct Overdrive8 {
+    int capabilities = 0;
+    std::vector<vendor::ADLOD8SingleInitSetting> settings;
+    std::vector<int> current;
+    vendor::ADLPMLogDataOutput pmLog{};
+};
+
 // What one GPU reports; an absent feature is one the GPU does not support.
 struct Gpu {
     std::optional<vendor::ADLBiosInfo> bios;
@@ -34,11 +57,22 @@ struct Gpu {
     std::optional<vendor::ADLOD6FanSpeedInfo> fanSpeed;
     std::optional<vendor::ADLMemoryInfo> memory;
     std::optional<Crossfire> crossfire;
+    std::optional<vendor::ADLPMActivity> activity;                                // Overdrive 5
+    std::optional<std::vector<vendor::ADLThermalControllerInfo>> thermalControllers; // Overdrive 5
+    std::optional<int> overdrive6Temperature;                                      // millidegrees Celsius
+    std::optional<int> overdriveNTemperature;                                      // millidegrees Celsius
+    std::optional<vendor::ADLAdapterODClockInfo> odClock;                          // 10 kHz
+    std::optional<Overdrive8> overdrive8;
+    int adapterId = 0;
 };
 
 struct Adapter {
     vendor::AdapterInfo info{};
     std::size_t gpu = 0; // index into Machine::gpus
+    // Per adapter, as ADL answers them; the GPU's unless the adapter sets its own.
+    std::optional<AsicFamily> asic;
+    std::optional<OverdriveCaps> overdrive;
+    int displays = 0; // Display_NumberOfDisplays_Get
 };
 
 struct Machine {

@@ -1,7 +1,9 @@
 #pragma once
 
-// Everything a host needs: the GPU record, the queries that fill it and the
-// vendor device classes.
+// Everything a host needs: the GPU record, the queries that fill it, and the
+// device classes.
+#include "libKestrel/ADLWrapper.h"
+#include "libKestrel/AMDGPU.h"
 #include "libKestrel/Export.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"

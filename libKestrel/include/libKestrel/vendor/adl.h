@@ -8,6 +8,14 @@
 // driver's library expects on each platform.
 namespace libKestrel::adl {
 
+// The driver's ADL library: on Windows the 64-bit DLL first, then the 32-bit
+// name as a fallback.
+#if defined(_WIN32)
+inline constexpr const char* ADL_LIBRARY_NAMES[] = {"atiadlxx.dll", "atiadlxy.dll"};
+#else
+inline constexpr const char* ADL_LIBRARY_NAMES[] = {"libatiadlxx.so"};
+#endif
+
 // ---------------------------------------------------------------------------
 // Basic types
 

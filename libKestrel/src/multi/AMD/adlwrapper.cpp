@@ -11,13 +11,6 @@ namespace {
 
 logging::LogSite site("libKestrel.ADL", "libKestrel/src/multi/AMD/adlwrapper.cpp");
 
-// The 64-bit DLL first; the 32-bit name is tried as a fallback.
-#if defined(_WIN32)
-const char* const candidates[] = {"atiadlxx.dll", "atiadlxy.dll"};
-#else
-const char* const candidates[] = {"libatiadlxx.so"};
-#endif
-
 // The eighteen look-ups, in order.
 template <class Visit>
 void listEntries(ADLFunctions& f, Visit visit)
@@ -52,10 +45,10 @@ ADLBinding& adlBinding()
 
 bool initializeLibrary()
 {
-    auto trace = site.trace("initializeLibrary", 53);
+    auto trace = site.trace("initializeLibrary", 46);
     ADLBinding& binding = adlBinding();
     bool loaded = false;
-    for (const char* name : candidates) {
+    for (const char* name : adl::ADL_LIBRARY_NAMES) {
         tova::DynamicLibrary candidate{tova::String(name)};
         if (candidate.load()) {
             binding.library = candidate;
@@ -70,7 +63,7 @@ bool initializeLibrary()
 void uninitializeLibrary()
 {
     // The release is traced under the load's name.
-    auto trace = site.trace("initializeLibrary", 70);
+    auto trace = site.trace("initializeLibrary", 63);
     ADLBinding& binding = adlBinding();
     binding.library.unload();
     const adl::PFN_ADL_Overdrive6_FanSpeed_Get fanSpeed = binding.functions.ADL_Overdrive6_FanSpeed_Get;
