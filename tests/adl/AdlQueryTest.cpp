@@ -78,7 +78,7 @@ TEST(AmdQuery, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAdapt
         EXPECT_FALSE(records[i]->coreCount()) << "AMD core counts are not reported";
     }
 
-    EXPECT_EQ(messages(capture, querier),
+    EXPECT_EQ(capture.messages(querier),
               (Lines{"1|171 Enumerated AMD adapter count: 3",
                      "1|49 Adapter present: 1", "1|57 Found PCI location information: 0000:03:00.0",
                      "1|49 Adapter present: 0", "1|57 Found PCI location information: 0000:03:00.0",
@@ -90,8 +90,8 @@ TEST(AmdQuery, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAdapt
     Lines readings;
     for (int i = 0; i < 3; ++i)
         readings.insert(readings.end(), radeonReadings.begin(), radeonReadings.end());
-    EXPECT_EQ(messages(capture, "libKestrel.ADL"), readings);
-    EXPECT_TRUE(messages(capture, "libKestrel.ADL2").empty());
+    EXPECT_EQ(capture.messages("libKestrel.ADL"), readings);
+    EXPECT_TRUE(capture.messages("libKestrel.ADL2").empty());
     // The release is traced under the load's name.
     EXPECT_EQ(capture.count("Entering initializeLibrary (libKestrel/src/multi/AMD/adlwrapper.cpp:"), 2u);
     EXPECT_EQ(capture.count("Entering query_CoreInfo "), 2u);
@@ -212,8 +212,8 @@ TEST(AdlAbsent, NoLibraryNoRecords)
 {
     LogCapture capture;
     EXPECT_TRUE(queryAMD().empty());
-    EXPECT_EQ(messages(capture, querier), (Lines{"3|134 Failed to load AMD Display Library"}));
-    EXPECT_TRUE(messages(capture, "libKestrel.ADL").empty()) << "the binding itself says nothing";
+    EXPECT_EQ(capture.messages(querier), (Lines{"3|134 Failed to load AMD Display Library"}));
+    EXPECT_TRUE(capture.messages("libKestrel.ADL").empty()) << "the binding itself says nothing";
 
     EXPECT_FALSE(libKestrel::adlwrapper::initializeLibrary());
     expectReleased();

@@ -60,18 +60,6 @@ inline Records queryAMD()
     return records;
 }
 
-// A logger's lines without the trace lines.
-inline Lines messages(const LogCapture& capture, const std::string& logger)
-{
-    Lines lines = capture.of(logger);
-    lines.erase(std::remove_if(lines.begin(), lines.end(),
-                               [](const std::string& line) {
-                                   return line.rfind("1|Entering ", 0) == 0 || line.rfind("1|Leaving ", 0) == 0;
-                               }),
-                lines.end());
-    return lines;
-}
-
 // The table's kept slots, the fan-speed slot last.
 inline std::vector<const void*> keptSlots()
 {

@@ -180,7 +180,7 @@ TEST(AmdAbsent, WithoutTheDriversLibraryNoTableAndNoGPUCanBeMade)
     LogCapture capture;
     EXPECT_EQ(thrownBy([] { libKestrel::instantiateADL(); }), "Unable to load ADL binary.");
     // ADL2 is tried first, then the classic interface.
-    EXPECT_EQ(messages(capture, "libKestrel"), (std::vector<std::string>{
+    EXPECT_EQ(capture.messages("libKestrel"), (std::vector<std::string>{
                                             "3|23 Unable to load either atiadlxx.dll or atiadlxy.dll.",
                                             "3|23 Unable to load either atiadlxx.dll or atiadlxy.dll.",
                                         }));

@@ -23,8 +23,6 @@ using kestrel::test::LogCapture;
 using kestrel::test::SimulatedMachine;
 using libKestrel::AMDGPU;
 using Priority = tova::LoggerPriority;
-// A logger's lines without the trace lines.
-using kestrel::test::adl::messages;
 
 // A GPU at <bus>:00.0 that ADL sees, with its "adl" section.
 inline json gpuAt(int bus, const json& adl)
