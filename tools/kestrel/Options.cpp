@@ -25,7 +25,7 @@ Parsed parseCommandLine(int argc, char** argv)
                                           "Run against the vendor simulator, on the machine this scenario "
                                           "(a JSON file) describes")
                               ->type_name("FILE");
-    auto* watchOption = app.add_option("--watch", watchSeconds, "Query and report again every SECONDS until interrupted")
+    auto* watchOption = app.add_option("--watch", watchSeconds, "Query and report again every SECONDS until interrupted (with --json, one document per line)")
                             ->type_name("SECONDS")
                             ->check(CLI::Validator(
                                 [](std::string& text) -> std::string {

@@ -134,7 +134,7 @@ std::string textReport(const Records& gpus, const std::bitset<4>& status)
     return out.str();
 }
 
-std::string jsonReport(const Records& gpus, const std::bitset<4>& status)
+std::string jsonReport(const Records& gpus, const std::bitset<4>& status, bool oneLine)
 {
     Json list = Json::array();
     for (const auto& gpu : gpus) {
@@ -149,7 +149,7 @@ std::string jsonReport(const Records& gpus, const std::bitset<4>& status)
     Json document;
     document["gpus"] = list;
     document["insufficientPower"] = status.test(0);
-    return document.dump(2) + "\n";
+    return document.dump(oneLine ? -1 : 2) + "\n";
 }
 
 } // namespace kestrel

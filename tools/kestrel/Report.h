@@ -16,7 +16,8 @@ using Records = std::vector<std::shared_ptr<libKestrel::IGPU>>;
 std::string textReport(const Records& gpus, const std::bitset<4>& status);
 
 // One JSON document: every property of every GPU by its getter's name, null
-// when absent, the PCI location as text.
-std::string jsonReport(const Records& gpus, const std::bitset<4>& status);
+// when absent, the PCI location as text. 'oneLine' writes it on a single line,
+// so that repeated reports read as JSON Lines.
+std::string jsonReport(const Records& gpus, const std::bitset<4>& status, bool oneLine = false);
 
 } // namespace kestrel

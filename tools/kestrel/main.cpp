@@ -28,7 +28,8 @@ void report(const kestrel::Options& options)
 {
     std::bitset<4> status;
     const auto gpus = libKestrel::queryAllGPUs({}, gpuSources, status);
-    const std::string text = options.json ? kestrel::jsonReport(gpus, status) : kestrel::textReport(gpus, status);
+    const std::string text = options.json ? kestrel::jsonReport(gpus, status, options.watchSeconds.has_value())
+                                          : kestrel::textReport(gpus, status);
     std::fputs(text.c_str(), stdout);
     std::fflush(stdout);
 }
