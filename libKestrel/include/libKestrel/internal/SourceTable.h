@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "libKestrel/Query.h"
+
+namespace libKestrel {
+
+// The library's own GPU sources by name ("nvml", "nvapi", "cuda", "adl"), for the
+// code that must tell them apart from a host's sources or name them outside the
+// process.
+struct OwnSource {
+    const char* name;
+    GPUQuerier query;
+};
+
+// Every own source, in the order a host would usually list them.
+const OwnSource* ownSourcesBegin();
+const OwnSource* ownSourcesEnd();
+
+// The own source behind 'query' or named 'name'; null for anything else.
+const OwnSource* findOwnSource(GPUQuerier query);
+const OwnSource* findOwnSource(std::string_view name);
+
+} // namespace libKestrel
