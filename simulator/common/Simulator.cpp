@@ -24,16 +24,21 @@ ModuleState& module()
     return state;
 }
 
+// Records a scenario that cannot be used, on standard error too, and gives the
+// empty machine in its place.
+nlohmann::json rejected(const std::string& origin, const std::string& reason)
+{
+    const std::string event = std::string("scenario error (") + moduleName() + "): " + origin + ": " + reason;
+    kestrelSimRecord(event.c_str());
+    std::fprintf(stderr, "%s\n", event.c_str());
+    return nlohmann::json::object();
+}
+
 nlohmann::json parse(const std::string& text, const std::string& origin)
 {
-    try {
-        return nlohmann::json::parse(text);
-    } catch (const nlohmann::json::exception& error) {
-        const std::string event = std::string("scenario error (") + moduleName() + "): " + origin + ": " + error.what();
-        kestrelSimRecord(event.c_str());
-        std::fprintf(stderr, "%s\n", event.c_str());
-        return nlohmann::json::object();
-    }
+    if (const char* problem = kestrelSimCheckScenario(text.c_str()))
+        return rejected(origin, problem);
+    return nlohmann::json::parse(text);
 }
 
 nlohmann::json loadScenario()
@@ -44,11 +49,8 @@ nlohmann::json loadScenario()
     if (!path || !*path)
         return nlohmann::json::object();
     std::ifstream file(path);
-    if (!file) {
-        const std::string event = std::string("scenario error (") + moduleName() + "): cannot read " + path;
-        kestrelSimRecord(event.c_str());
-        return nlohmann::json::object();
-    }
+    if (!file)
+        return rejected(path, "cannot read the file");
     std::stringstream contents;
     contents << file.rdbuf();
     return parse(contents.str(), path);
@@ -88,13 +90,17 @@ void reload()
     ModuleState& state = module();
     nlohmann::json fresh = loadScenario();
     std::lock_guard<std::mutex> lock(state.mutex);
-    state.scenario = fresh.is_object() ? std::move(fresh) : nlohmann::json::object();
+    state.scenario = std::move(fresh);
     state.calls.clear();
 }
 
 std::optional<Fault> enter(const char* entry, std::int64_t device)
 {
     record(entry);
+    // Faults are checked against the modules' schemas; an entry missing there
+    // could never be given one.
+    if (!kestrelSimKnowsEntry(entry))
+        record(std::string("simulator error: ") + entry + " is missing from " + moduleName() + "'s scenario schema");
     ModuleState& state = module();
     std::lock_guard<std::mutex> lock(state.mutex);
     const std::int64_t call = state.calls[entry]++;
@@ -121,6 +127,10 @@ std::string text(const nlohmann::json& object, const char* key, const std::strin
 }
 
 } // namespace sim
+
+// Lets a program holding a module check a scenario before using it: null when
+// the modules understand it, else the reason.
+SIM_EXPORT const char* kestrelSimulatorCheckScenario(const char* json) { return kestrelSimCheckScenario(json); }
 
 // Lets a host or a test choose the scenario through any simulated module it holds.
 SIM_EXPORT void kestrelSimulatorSetScenario(const char* json)

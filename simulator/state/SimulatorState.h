@@ -28,3 +28,13 @@ SIM_STATE_API void kestrelSimRecord(const char* event);
 SIM_STATE_API const char* kestrelSimJournal();
 
 SIM_STATE_API void kestrelSimClearJournal();
+
+// Null when the scenario (JSON text) is one the simulated modules understand;
+// else what is wrong with it and where ("gpus[0].nvml.fanspeed: unknown key"),
+// valid until the next call on this thread. Every key must be one a module
+// reads, every value of the kind and range of the field it fills, and every
+// fault on an entry point a module has.
+SIM_STATE_API const char* kestrelSimCheckScenario(const char* json);
+
+// 1 when a simulated module has an entry point of this name, else 0.
+SIM_STATE_API int kestrelSimKnowsEntry(const char* entry);

@@ -133,6 +133,14 @@ TEST(KestrelTool, BadInputEndsWithOneLineAndExitCode2)
 {
     const std::string broken = kestrel::test::temporaryPath("broken.json");
     std::ofstream(broken) << "{\n  \"gpus\": [\n    { \"name\": \"x\", }\n  ]\n}\n";
+    const std::string huge = kestrel::test::temporaryPath("huge.json");
+    std::ofstream(huge) << R"({"gpus": [{"nvml": {"temperature": 1e999}}]})";
+    const std::string mistyped = kestrel::test::temporaryPath("mistyped.json");
+    std::ofstream(mistyped) << R"({"monitors": [{"x": "0"}]})";
+    const std::string misspelled = kestrel::test::temporaryPath("misspelled.json");
+    std::ofstream(misspelled) << R"({"gpus": [{"nvml": {"fanspeed": 40}}]})";
+    const std::string unknownEntry = kestrel::test::temporaryPath("unknown-entry.json");
+    std::ofstream(unknownEntry) << R"({"faults": {"nvmlInit": {"return": 1}}})";
     struct Case {
         std::vector<std::string> arguments;
         std::string mentions;
@@ -143,6 +151,10 @@ TEST(KestrelTool, BadInputEndsWithOneLineAndExitCode2)
         {{"--watch", "soon"}, "--watch"},
         {{"--simulate", scenario("no-such-machine")}, "cannot read scenario"},
         {{"--simulate", broken}, "line 3, column"},
+        {{"--simulate", huge}, "number overflow"},
+        {{"--simulate", mistyped}, "monitors[0].x: expected an integer"},
+        {{"--simulate", misspelled}, "gpus[0].nvml.fanspeed: unknown key"},
+        {{"--simulate", unknownEntry}, "faults.nvmlInit: no simulated module has this entry point"},
     };
     for (const Case& bad : cases) {
         const ProcessResult run = kestrelWith(bad.arguments);
@@ -152,7 +164,8 @@ TEST(KestrelTool, BadInputEndsWithOneLineAndExitCode2)
         EXPECT_EQ(run.err.rfind("kestrel: ", 0), 0u) << run.err;
         EXPECT_NE(run.err.find(bad.mentions), std::string::npos) << run.err;
     }
-    std::remove(broken.c_str());
+    for (const std::string& file : {broken, huge, mistyped, misspelled, unknownEntry})
+        std::remove(file.c_str());
 }
 
 TEST(KestrelTool, LogLevelOneTracesTheLibraryOnStandardError)

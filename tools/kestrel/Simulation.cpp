@@ -4,8 +4,6 @@
 #include <fstream>
 #include <sstream>
 
-#include <nlohmann/json.hpp>
-
 #include "Platform.h"
 
 namespace kestrel {
@@ -27,32 +25,11 @@ bool isModuleFile(const fs::path& file)
 }
 
 using SetScenario = void (*)(const char* json);
+using CheckScenario = const char* (*)(const char* json);
 
 } // namespace
 
-std::optional<std::string> Simulation::check(const std::string& path, std::string& scenario)
-{
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        return "cannot read scenario '" + path + "'";
-    std::stringstream contents;
-    contents << file.rdbuf();
-    scenario = contents.str();
-    try {
-        const auto document = nlohmann::json::parse(scenario);
-        if (!document.is_object())
-            return "invalid scenario '" + path + "': the top level must be a JSON object";
-    } catch (const nlohmann::json::parse_error& error) {
-        // what() reads "[json.exception.parse_error.101] parse error at line 3, column 5: ..."
-        std::string reason = error.what();
-        if (const auto end = reason.find("] "); end != std::string::npos)
-            reason.erase(0, end + 2);
-        return "invalid scenario '" + path + "': " + reason;
-    }
-    return std::nullopt;
-}
-
-Simulation::Simulation(const std::string& scenario, std::string& error)
+Simulation::Simulation(std::string& error)
 {
     const fs::path root = fs::u8path(executableDirectory()) / "sim";
     for (const char* folder : moduleFolders) {
@@ -70,15 +47,27 @@ Simulation::Simulation(const std::string& scenario, std::string& error)
                 pointProgramFilesAt(entry.path().parent_path().parent_path().parent_path().u8string());
         }
     }
-    if (modules_.empty()) {
+    if (modules_.empty())
         error = "no simulated vendor module found in " + root.u8string();
-        return;
-    }
-    // Every module shares one scenario; telling one tells them all.
-    if (auto set = reinterpret_cast<SetScenario>(modules_.front().getSymbol("kestrelSimulatorSetScenario")))
-        set(scenario.c_str());
-    else
+    else if (!modules_.front().getSymbol("kestrelSimulatorSetScenario"))
         error = "the simulated modules do not accept a scenario";
+}
+
+std::optional<std::string> Simulation::use(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        return "cannot read scenario '" + path + "'";
+    std::stringstream contents;
+    contents << file.rdbuf();
+    const std::string scenario = contents.str();
+    // Every module shares one scenario and one checker; asking one asks them all.
+    const tova::DynamicLibrary& module = modules_.front();
+    if (auto check = reinterpret_cast<CheckScenario>(module.getSymbol("kestrelSimulatorCheckScenario")))
+        if (const char* problem = check(scenario.c_str()))
+            return "invalid scenario '" + path + "': " + problem;
+    reinterpret_cast<SetScenario>(module.getSymbol("kestrelSimulatorSetScenario"))(scenario.c_str());
+    return std::nullopt;
 }
 
 } // namespace kestrel

@@ -14,12 +14,14 @@ namespace kestrel {
 // them, and all of them are given the scenario.
 class Simulation {
 public:
-    // Reads and checks the scenario; a one-line reason when it is unusable.
-    static std::optional<std::string> check(const std::string& path, std::string& scenario);
+    // Loads the simulated modules. 'error' says what failed when the simulator
+    // is not where the program expects it.
+    explicit Simulation(std::string& error);
 
-    // Loads the simulated modules and hands them the scenario text. 'error' says
-    // what failed when the simulator is not where the program expects it.
-    Simulation(const std::string& scenario, std::string& error);
+    // Reads the scenario at 'path', has the modules check it and hands it to
+    // them; a one-line reason when it cannot be read or is not one they
+    // understand (a key or fault they do not know, a value of the wrong kind).
+    std::optional<std::string> use(const std::string& path);
 
 private:
     std::vector<tova::DynamicLibrary> modules_;

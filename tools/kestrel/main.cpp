@@ -57,16 +57,15 @@ int main(int argc, char** argv)
 
     std::optional<kestrel::Simulation> simulation;
     if (options.scenario) {
-        std::string scenario;
-        if (const auto problem = kestrel::Simulation::check(*options.scenario, scenario)) {
-            std::fprintf(stderr, "kestrel: %s\n", problem->c_str());
-            return 2;
-        }
         std::string error;
-        simulation.emplace(scenario, error);
+        simulation.emplace(error);
         if (!error.empty()) {
             std::fprintf(stderr, "kestrel: %s\n", error.c_str());
             return 1;
+        }
+        if (const auto problem = simulation->use(*options.scenario)) {
+            std::fprintf(stderr, "kestrel: %s\n", problem->c_str());
+            return 2;
         }
     }
 
