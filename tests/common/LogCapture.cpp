@@ -4,6 +4,13 @@
 
 namespace kestrel::test {
 
+bool LogLine::isTrace() const { return text.rfind("Entering ", 0) == 0 || text.rfind("Leaving ", 0) == 0; }
+
+void PrintTo(const LogLine& line, std::ostream* out)
+{
+    *out << line.logger << " [" << line.priority << "] " << line.text;
+}
+
 LogCapture::LogCapture(tova::LoggerPriority::LOGGER_PRIORITY threshold) : previous_(tova::LogFactory::getPriority())
 {
     tova::LogFactory::setSink([this](const std::string& logger, tova::LoggerPriority::LOGGER_PRIORITY priority,
@@ -24,6 +31,15 @@ std::vector<LogLine> LogCapture::lines() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
+}
+
+std::vector<LogLine> LogCapture::messages() const
+{
+    std::vector<LogLine> result;
+    for (const auto& line : lines())
+        if (!line.isTrace())
+            result.push_back(line);
+    return result;
 }
 
 std::vector<std::string> LogCapture::of(const std::string& logger) const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,17 @@ struct LogLine {
     std::string logger;
     int priority;
     std::string text;
+
+    bool operator==(const LogLine& other) const
+    {
+        return logger == other.logger && priority == other.priority && text == other.text;
+    }
+    // The entry and exit lines of a trace scope.
+    bool isTrace() const;
 };
+
+// "libKestrel.NVML [3] 121 Cannot load NVML: ...", as test failures show it.
+void PrintTo(const LogLine& line, std::ostream* out);
 
 // Collects every line written while it lives, at and above 'threshold', and
 // puts the process-wide threshold and the default sink back afterwards.
@@ -24,6 +35,8 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> lines() const;
+    // Every line but the trace scopes' entry and exit lines, in order.
+    std::vector<LogLine> messages() const;
     // Lines of one logger, as "priority|text", in order.
     std::vector<std::string> of(const std::string& logger) const;
     // The same without the trace scopes' "Entering"/"Leaving" lines.

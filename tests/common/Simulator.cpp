@@ -3,13 +3,26 @@
 #include <algorithm>
 #include <sstream>
 
+#include <gtest/gtest.h>
+
 #include "state/SimulatorState.h"
 
 namespace kestrel::test {
 
-SimulatedMachine::SimulatedMachine(const std::string& json) { kestrelSimSetScenario(json.c_str()); }
+SimulatedMachine::SimulatedMachine(const std::string& json)
+{
+    if (const char* problem = kestrelSimCheckScenario(json.c_str()))
+        ADD_FAILURE() << "the test's scenario is wrong: " << problem;
+    kestrelSimSetScenario(json.c_str());
+}
 
-SimulatedMachine::~SimulatedMachine() { kestrelSimSetScenario(nullptr); }
+SimulatedMachine::~SimulatedMachine()
+{
+    for (const std::string& event : journal())
+        if (event.rfind("scenario error", 0) == 0 || event.rfind("simulator error", 0) == 0)
+            ADD_FAILURE() << event;
+    kestrelSimSetScenario(nullptr);
+}
 
 std::vector<std::string> SimulatedMachine::journal() const
 {
