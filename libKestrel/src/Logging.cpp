@@ -12,10 +12,8 @@ tova::Logger* LogSite::logger()
     return current;
 }
 
-tova::Logger* LogSite::enabled(Priority::LOGGER_PRIORITY priority)
+tova::Logger* LogSite::loggerAllowing(Priority::LOGGER_PRIORITY priority)
 {
-    if (tova::LogFactory::getPriority() > priority)
-        return nullptr;
     tova::Logger* current = logger();
     if (current->priority > priority)
         return nullptr;
@@ -24,15 +22,10 @@ tova::Logger* LogSite::enabled(Priority::LOGGER_PRIORITY priority)
     return current;
 }
 
-tova::TraceLogger LogSite::trace(const char* function, int line)
+tova::Logger* LogSite::tracingLogger()
 {
-    tova::Logger* traceLogger = nullptr;
-    if (tova::LogFactory::getPriority() <= Priority::TRACE) {
-        tova::Logger* current = logger();
-        if (current->priority <= Priority::TRACE)
-            traceLogger = current;
-    }
-    return tova::TraceLogger(traceLogger, function, file_, line);
+    tova::Logger* current = logger();
+    return current->priority <= Priority::TRACE ? current : nullptr;
 }
 
 } // namespace libKestrel::logging

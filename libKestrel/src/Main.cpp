@@ -63,7 +63,8 @@ std::vector<std::shared_ptr<IGPU>> queryAvailableMonitorInfo(const std::vector<M
     for (int i = 0; i < count; ++i) {
         glfw::GLFWmonitor* monitor = monitors[i];
         log(site, Priority::TRACE, "77 ", "Monitor ", i);
-        log(site, Priority::TRACE, "78 ", "  Name: ", glfw.glfwGetMonitorName(monitor));
+        log(site, Priority::TRACE, "78 ", "  Name: ",
+            logging::deferred([&glfw, monitor] { return glfw.glfwGetMonitorName(monitor); }));
 
         glfw::GLFWwindow* window = glfw.glfwCreateWindow(1, 1, "", nullptr, nullptr);
         if (!window) {

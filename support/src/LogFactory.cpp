@@ -33,7 +33,6 @@ void writeToStandardError(const std::string& logger, LoggerPriority::LOGGER_PRIO
 // pointers to them in static storage, and other modules' static destructors may
 // still log while this module shuts down, so the registry is deliberately leaked.
 struct Registry {
-    std::atomic<int> priority{LoggerPriority::CRITICAL};
     std::mutex loggersMutex;
     std::map<std::string, std::unique_ptr<Logger>> loggers;
     std::mutex sinkMutex; // also serialises lines, so concurrent messages never interleave
@@ -61,14 +60,17 @@ Logger* findOrCreate(Registry& reg, const std::string& name)
 
 } // namespace
 
+// Constant-initialised, so it holds CRITICAL before any static constructor runs.
+std::atomic<int> LogFactory::threshold{LoggerPriority::CRITICAL};
+
 LoggerPriority::LOGGER_PRIORITY LogFactory::getPriority()
 {
-    return static_cast<LoggerPriority::LOGGER_PRIORITY>(registry().priority.load(std::memory_order_relaxed));
+    return static_cast<LoggerPriority::LOGGER_PRIORITY>(threshold.load(std::memory_order_relaxed));
 }
 
 void LogFactory::setPriority(LoggerPriority::LOGGER_PRIORITY priority)
 {
-    registry().priority.store(priority, std::memory_order_relaxed);
+    threshold.store(priority, std::memory_order_relaxed);
 }
 
 void LogFactory::createLogger(const char* name, Logger*& out)

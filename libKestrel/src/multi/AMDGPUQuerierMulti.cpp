@@ -87,7 +87,7 @@ pci::PciLocation adapterLocation(const adl::AdapterInfo& info, const char* tag)
     const pci::PciLocation location(static_cast<unsigned char>(info.iBusNumber),
                                     static_cast<unsigned char>(info.iDeviceNumber),
                                     static_cast<unsigned char>(info.iFunctionNumber), 0);
-    log(site, Priority::TRACE, tag, "Found PCI location information: ", location.toString(true));
+    log(site, Priority::TRACE, tag, "Found PCI location information: ", location);
     return location;
 }
 

@@ -50,7 +50,7 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(int deviceIndex)
     // other NVIDIA sources place the GPU, so the records merge.
     const pci::PciLocation location(static_cast<unsigned char>(prop.pciBusID),
                                     static_cast<unsigned char>(prop.pciDeviceID), 0, 0);
-    log(site, Priority::TRACE, "57 ", "Found PCI location information: ", location.toString(true));
+    log(site, Priority::TRACE, "57 ", "Found PCI location information: ", location);
 
     auto gpu = std::make_shared<GPU>(location);
     // The name ends at its terminator, and never beyond the buffer.

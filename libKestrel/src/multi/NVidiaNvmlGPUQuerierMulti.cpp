@@ -49,7 +49,7 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& devi
     // NVML's domain is left out and the function is always 0, so that these
     // records meet the other NVIDIA sources' records of the same GPU.
     const pci::PciLocation location(*where.bus, *where.device, 0, 0);
-    log(site, Priority::TRACE, "72 ", "Found PCI location information: ", location.toString(true));
+    log(site, Priority::TRACE, "72 ", "Found PCI location information: ", location);
 
     auto gpu = std::make_shared<GPU>(location);
     gpu->setName(query_ProductName(device));

@@ -37,7 +37,7 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle con
         return result;
     }
     const pci::PciLocation location(bus->bus, bus->slot, 0, 0);
-    log(site, Priority::TRACE, "61 ", "Found PCI location information: ", location.toString(true));
+    log(site, Priority::TRACE, "61 ", "Found PCI location information: ", location);
 
     // Every query runs whatever the earlier ones gave.
     auto gpu = std::make_shared<GPU>(location);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -21,6 +22,11 @@ public:
     // Starts at CRITICAL: a host hears about the gravest failures only until it asks for more.
     static LoggerPriority::LOGGER_PRIORITY getPriority();
     static void setPriority(LoggerPriority::LOGGER_PRIORITY priority);
+
+    // The threshold itself, as getPriority reads it. Callers that test it before
+    // every message read it inline, with one relaxed load instead of a call, so
+    // a disabled message costs next to nothing.
+    static std::atomic<int> threshold;
 
     // Creates the named logger, or finds it when it exists, and stores its address
     // in 'out'. Safe to call from several threads: one name always gives one logger.

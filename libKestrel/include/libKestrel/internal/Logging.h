@@ -5,6 +5,7 @@
 #include <string>
 #include <type_traits>
 
+#include "pci/PciLocation.h"
 #include "tova/LogFactory.h"
 #include "tova/Logger.h"
 #include "tova/LoggerPriority.h"
@@ -29,14 +30,28 @@ public:
     // The file's logger when a message of 'priority' would be written, else null.
     // Runs the threshold tests in their fixed order (process-wide threshold,
     // logger creation, the logger's own threshold, its resolved threshold) and
-    // builds nothing, so a disabled message costs no allocation.
-    tova::Logger* enabled(Priority::LOGGER_PRIORITY priority);
+    // builds nothing, so a disabled message costs no allocation. The first test
+    // is inline: a message the process-wide threshold stops costs one load.
+    tova::Logger* enabled(Priority::LOGGER_PRIORITY priority)
+    {
+        if (processThreshold() > priority)
+            return nullptr;
+        return loggerAllowing(priority);
+    }
 
     // A trace scope for 'function', which begins at 'line' of this file. It gets
     // the logger only while tracing is on, so a disabled trace writes nothing.
-    tova::TraceLogger trace(const char* function, int line);
+    tova::TraceLogger trace(const char* function, int line)
+    {
+        return tova::TraceLogger(processThreshold() > Priority::TRACE ? nullptr : tracingLogger(), function, file_,
+                                 line);
+    }
 
 private:
+    static int processThreshold() { return tova::LogFactory::threshold.load(std::memory_order_relaxed); }
+    // The remaining tests of enabled(), and trace()'s, once the process-wide one passed.
+    tova::Logger* loggerAllowing(Priority::LOGGER_PRIORITY priority);
+    tova::Logger* tracingLogger();
     tova::Logger* logger();
 
     const char* name_;
@@ -58,11 +73,26 @@ Shown<T> shown(T value)
     return {value};
 }
 
+// A value that is costly to make (a vendor call, a formatted text): made only
+// when the message is written.
+template <class Make>
+struct Deferred {
+    Make make;
+};
+
+template <class Make>
+Deferred<Make> deferred(Make make)
+{
+    return {std::move(make)};
+}
+
 namespace detail {
 
 inline void append(tova::LoggerStream& stream, const char* text) { stream << text; }
 inline void append(tova::LoggerStream& stream, const tova::String& text) { stream << text; }
 inline void append(tova::LoggerStream& stream, const std::string& text) { stream << tova::String(text); }
+// A PCI location reads as its text form; it is formatted only when written.
+inline void append(tova::LoggerStream& stream, const pci::PciLocation& location) { stream << location.toString(true); }
 
 template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>, int> = 0>
 void append(tova::LoggerStream& stream, T value)
@@ -76,20 +106,33 @@ void append(tova::LoggerStream& stream, T value)
 template <class T>
 void append(tova::LoggerStream& stream, const Shown<T>& shownValue)
 {
-    // TovaValue takes bool, int, unsigned int and unsigned long long.
-    using Value = std::conditional_t<
-        std::is_same_v<T, bool>, bool,
-        std::conditional_t<std::is_signed_v<T>, int,
-                           std::conditional_t<(sizeof(T) <= sizeof(unsigned int)), unsigned int, unsigned long long>>>;
-    const Value value = static_cast<Value>(shownValue.value);
-    stream << tova::TovaValue(value).toString(tova::TovaValue::nilValue());
+    // TovaValue takes bool, int, unsigned int and unsigned long long; a signed
+    // value wider than int has no TovaValue and is written whole, as a number.
+    if constexpr (std::is_signed_v<T> && sizeof(T) > sizeof(int)) {
+        stream << static_cast<long long>(shownValue.value);
+    } else {
+        using Value = std::conditional_t<
+            std::is_same_v<T, bool>, bool,
+            std::conditional_t<std::is_signed_v<T>, int,
+                               std::conditional_t<(sizeof(T) <= sizeof(unsigned int)), unsigned int,
+                                                  unsigned long long>>>;
+        stream << tova::TovaValue(static_cast<Value>(shownValue.value)).toString(tova::TovaValue::nilValue());
+    }
+}
+
+template <class Make>
+void append(tova::LoggerStream& stream, const Deferred<Make>& value)
+{
+    append(stream, value.make());
 }
 
 } // namespace detail
 
 // Writes "<tag><text><values...>" at 'priority' on the site's logger. The tag is
 // the message's fixed number and a blank ("294 "); values are strings, integers
-// (written as they are) or shown(x) (written through TovaValue).
+// (written as they are), PCI locations, shown(x) (written through TovaValue) or
+// deferred(callable) (made only when the message is written). Nothing is made
+// or formatted for a message the thresholds stop.
 template <class Text, class... Values>
 void log(LogSite& site, Priority::LOGGER_PRIORITY priority, const char* tag, const Text& text, const Values&... values)
 {

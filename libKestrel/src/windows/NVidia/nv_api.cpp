@@ -90,7 +90,8 @@ std::optional<std::string> query_DriverVersion()
                    "Could not retrieve driver version: "))
         return std::nullopt;
     log(site, Priority::TRACE, "82 ", "Driver version: ", shown(version));
-    log(site, Priority::TRACE, "83 ", "Driver version branch: ", shortStringText(branch));
+    log(site, Priority::TRACE, "83 ", "Driver version branch: ",
+        logging::deferred([&branch] { return shortStringText(branch); }));
     // 45206 is 452.6 and 45190 is 451.90: the minor part keeps no leading zero.
     return std::to_string(version / 100) + "." + std::to_string(version % 100);
 }
