@@ -11,5 +11,6 @@
 #include "libKestrel/NVIDIAGPU.h"
 #include "libKestrel/Optimus.h"
 #include "libKestrel/Query.h"
+#include "libKestrel/Session.h"
 #include "libKestrel/Sources.h"
 #include "pci/PciLocation.h"

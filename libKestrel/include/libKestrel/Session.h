@@ -1,0 +1,70 @@
+#pragma once
+
+#include <bitset>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "libKestrel/Export.h"
+#include "libKestrel/IGPU.h"
+#include "libKestrel/Query.h"
+
+namespace libKestrel {
+
+// A live view of the machine's GPUs for programs that watch them: the vendor
+// libraries are opened once, the GPUs enumerated once, and each refresh re-reads
+// only what changes (temperatures, utilisation, fan speeds, clocks, available
+// memory, ECC counts) through the handles the session holds. Everything else
+// stays as enumerated until rescan().
+//
+// Threads: refresh(), rescan() and close() may be called from any thread, one
+// at a time (calls from several threads are serialised). gpus(), status() and
+// sources() may be called from any thread at any time, also while another
+// thread refreshes: they return the snapshot of the last finished refresh or
+// rescan. A snapshot's records are never written again, so a reader never sees
+// a record half refreshed.
+class LIBKESTREL_API Session {
+public:
+    // How one source of the session stands.
+    struct Source {
+        std::string name; // "nvml", "nvapi", "cuda", "adl", ... or "host" for a host's own source
+        bool up = false;  // its vendor library is open and its last enumeration or refresh worked
+    };
+
+    // Opens the vendor libraries of 'sources' (the library's own GPU sources, in
+    // the order their records are merged; a host's own source is run at every
+    // rescan and its records kept as they are) and enumerates.
+    explicit Session(const std::vector<GPUQuerier>& sources);
+    // Closes the session.
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Re-reads the changing properties of every GPU. A GPU whose vendor calls
+    // start failing is reported once and loses its changing properties; it
+    // keeps the rest.
+    void refresh();
+    // Enumerates again, for GPUs added or gone.
+    void rescan();
+    // Releases every vendor library, in the reverse order of opening. The last
+    // snapshot stays readable; refresh() and rescan() do nothing afterwards.
+    void close();
+
+    // The merged records of the last refresh or rescan, one per GPU, in the
+    // order of a query of the same sources.
+    std::vector<std::shared_ptr<IGPU>> gpus() const;
+    // The status bits the last enumeration set (bit 0: NVML refused a GPU for
+    // insufficient power).
+    std::bitset<4> status() const;
+    // Every source, in the order given.
+    std::vector<Source> sources() const;
+    // How long the last refresh or rescan took.
+    std::chrono::nanoseconds lastUpdateDuration() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+} // namespace libKestrel
