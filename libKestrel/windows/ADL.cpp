@@ -159,12 +159,14 @@ void ADL::Initializer::initialize()
              "99 ");
 }
 
-// At process exit: the one main control ends with the library.
+// At process exit: the one main control ends with the library, and a table
+// that outlives it finds no entry to call into the unloaded module.
 ADL::Initializer::~Initializer()
 {
     if (entries.ADL_Main_Control_Destroy)
         entries.ADL_Main_Control_Destroy();
     library.reset();
+    entries = ADLEntries{};
 }
 
 ADL::~ADL() = default;

@@ -128,8 +128,13 @@ ADL2::Initializer::Initializer()
     resolveEntries(*library, [](auto visit) { listOperationEntries(entries, visit); });
 }
 
-// At process exit. Every context belongs to a table, which ended it.
-ADL2::Initializer::~Initializer() { library.reset(); }
+// At process exit. A table that outlives the library (a host's own static, say)
+// finds its entries null and ends nothing: there is no ADL left to call.
+ADL2::Initializer::~Initializer()
+{
+    library.reset();
+    entries = ADL2Entries{};
+}
 
 std::shared_ptr<ADL2> ADLTables::makeADL2()
 {

@@ -9,7 +9,9 @@
 #include <mutex>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
+#include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/AMD/adlwrapper.h"
@@ -54,14 +56,22 @@ std::size_t entriesToRead(int reported, const T* list)
     return readable;
 }
 
+// False, logged, for an adapter count no machine has: nothing is allocated for
+// a broken driver's count.
+bool plausibleAdapterCount(int count)
+{
+    if (count <= adlwrapper::mostAdapters)
+        return true;
+    log(site, Priority::WARNING, "700 ", "Adapter count beyond any machine, not enumerating: ", count);
+    return false;
+}
+
 // ADL's adapter list through the call that fills a caller's buffer: 'count'
 // zeroed entries from calloc, so that the list is released with free like the
 // lists ADL allocates. Returns the call's status.
 int readAdapterInfo(ADLWrapper& table, int count, AdapterInfo*& buffer)
 {
-    // The byte size is an int; a count beyond what it can express is cut.
-    constexpr int most = INT_MAX / static_cast<int>(sizeof(AdapterInfo));
-    const int entries = std::clamp(count, 0, most);
+    const int entries = std::clamp(count, 0, adlwrapper::mostAdapters);
     buffer = static_cast<AdapterInfo*>(std::calloc(static_cast<std::size_t>(entries), sizeof(AdapterInfo)));
     if (!buffer && entries > 0)
         throw std::bad_alloc();
@@ -90,17 +100,19 @@ struct Overdrive8Clock {
 
 // The four clock operations: the first adapter that answers gives the clock, in
 // MHz (ADL counts in 10 kHz). 'overdrive8' is null for the default clocks.
-unsigned int clockInMHz(ADLWrapper& table, const std::vector<int>& adapters,
+unsigned int clockInMHz(ADLWrapper* table, const std::vector<int>& adapters,
                         adl::ADLODClockSetting adl::ADLAdapterODClockInfo::*clock,
                         int adl::ADLODClockSetting::*value, const Overdrive8Clock* overdrive8)
 {
+    if (!table)
+        return 0; // moved from: no ADL to ask
     adl::ADLAdapterODClockInfo info{};
     info.iSize = sizeof(info);
     int& field = (info.*clock).*value;
     try {
         for (int index : adapters) {
-            int status = table.Display_ODClockInfo_Get(index, &info);
-            if (overdrive8 && overdriveVersion(table, index, overdrive8->versionTag) == 8) {
+            int status = table->Display_ODClockInfo_Get(index, &info);
+            if (overdrive8 && overdriveVersion(*table, index, overdrive8->versionTag) == 8) {
                 status = overdrive8->retrieve(index, field);
                 if (status != 0)
                     log(site, Priority::TRACE, overdrive8->failedTag, overdrive8->failedText);
@@ -187,6 +199,8 @@ size_t AMDGPU::enumerate(std::vector<AMDGPU>& gpus)
             log(site, Priority::WARNING, "261 ", "Adapter_NumberOfAdapters_Get failed ", status);
             return 0;
         }
+        if (!plausibleAdapterCount(count))
+            return 0;
         status = readAdapterInfo(*adl, count, list);
         if (status != 0) {
             log(site, Priority::WARNING, "268 ", "Adapter_AdapterInfo_Get failed ", status);
@@ -225,6 +239,11 @@ void AMDGPU::addGPU(const std::shared_ptr<ADLWrapper>& adl, std::vector<AMDGPU>&
             continue;
         if (!isAMDVendor(entry.iVendorID))
             continue;
+        if (!pciLocationOf(entry.iBusNumber, entry.iDeviceNumber, entry.iFunctionNumber)) {
+            log(site, Priority::WARNING, "701 ", "Adapter outside the PCI bus, skipped: bus ", entry.iBusNumber,
+                ", device ", entry.iDeviceNumber, ", function ", entry.iFunctionNumber);
+            continue;
+        }
         const pci::PciLocation location = locationOf(entry);
         const auto known = std::find_if(gpus.begin(), gpus.end(), [&location](const AMDGPU& gpu) {
             return gpu.location && *gpu.location == location;
@@ -277,6 +296,8 @@ AMDGPU::AMDGPU(const pci::PciLocation& loc)
         log(site, Priority::WARNING, "90 ", "ADL2_Adapter_NumberOfAdapters_Get failed ", status);
         throw std::exception();
     }
+    if (!plausibleAdapterCount(count))
+        count = 0; // no adapter found: the constructor throws below
     // From ADL's X2 call, or from calloc on the fallback: released with free either way.
     AdapterInfo* list = nullptr;
     ScopeExit release([&list] { std::free(list); });
@@ -331,14 +352,19 @@ const pci::PciLocation& AMDGPU::pciLocation() const { return location ? *locatio
 
 const std::vector<std::string>& AMDGPU::displayIds() const { return displayIds_; }
 
-bool AMDGPU::isDiscrete() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_DISCRETE); }
-bool AMDGPU::isIntegrated() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_INTEGRATED); }
-bool AMDGPU::isFireGL() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_WORKSTATION); }
-bool AMDGPU::isFireMV() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_FIREMV); }
-bool AMDGPU::isXGP() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_XGP); }
-bool AMDGPU::isFusion() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_FUSION); }
-bool AMDGPU::isFireStream() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_FIRESTREAM); }
-bool AMDGPU::isEmbedded() const { return hasFamily(asicTypes, asicValids, adl::ADL_ASIC_EMBEDDED); }
+// Each predicate in the form hosts link against, and a const one beside it.
+#define LIBKESTREL_AMD_FAMILY(predicate, bit)                                                                   \
+    bool AMDGPU::predicate() const { return hasFamily(asicTypes, asicValids, bit); }                           \
+    bool AMDGPU::predicate() { return std::as_const(*this).predicate(); }
+LIBKESTREL_AMD_FAMILY(isDiscrete, adl::ADL_ASIC_DISCRETE)
+LIBKESTREL_AMD_FAMILY(isIntegrated, adl::ADL_ASIC_INTEGRATED)
+LIBKESTREL_AMD_FAMILY(isFireGL, adl::ADL_ASIC_WORKSTATION)
+LIBKESTREL_AMD_FAMILY(isFireMV, adl::ADL_ASIC_FIREMV)
+LIBKESTREL_AMD_FAMILY(isXGP, adl::ADL_ASIC_XGP)
+LIBKESTREL_AMD_FAMILY(isFusion, adl::ADL_ASIC_FUSION)
+LIBKESTREL_AMD_FAMILY(isFireStream, adl::ADL_ASIC_FIRESTREAM)
+LIBKESTREL_AMD_FAMILY(isEmbedded, adl::ADL_ASIC_EMBEDDED)
+#undef LIBKESTREL_AMD_FAMILY
 
 bool AMDGPU::hasCrossFireSlaveGPU(std::vector<AMDGPU>& linkedGPU)
 {
@@ -422,7 +448,7 @@ unsigned int AMDGPU::currentClock()
                                      [this](int index, int& clock) {
                                          return retrieveCurrentClockOverdrive8(index, clock);
                                      }};
-    return clockInMHz(*adl, adapterIndices, &adl::ADLAdapterODClockInfo::sEngineClock,
+    return clockInMHz(adl.get(), adapterIndices, &adl::ADLAdapterODClockInfo::sEngineClock,
                       &adl::ADLODClockSetting::iCurrentClock, &overdrive8);
 }
 
@@ -433,19 +459,19 @@ unsigned int AMDGPU::currentMemoryClock()
                                      [this](int index, int& clock) {
                                          return retrieveCurrentMemoryClockOverdrive8(index, clock);
                                      }};
-    return clockInMHz(*adl, adapterIndices, &adl::ADLAdapterODClockInfo::sMemoryClock,
+    return clockInMHz(adl.get(), adapterIndices, &adl::ADLAdapterODClockInfo::sMemoryClock,
                       &adl::ADLODClockSetting::iCurrentClock, &overdrive8);
 }
 
 unsigned int AMDGPU::defaultClock()
 {
-    return clockInMHz(*adl, adapterIndices, &adl::ADLAdapterODClockInfo::sEngineClock,
+    return clockInMHz(adl.get(), adapterIndices, &adl::ADLAdapterODClockInfo::sEngineClock,
                       &adl::ADLODClockSetting::iDefaultClock, nullptr);
 }
 
 unsigned int AMDGPU::defaultMemoryClock()
 {
-    return clockInMHz(*adl, adapterIndices, &adl::ADLAdapterODClockInfo::sMemoryClock,
+    return clockInMHz(adl.get(), adapterIndices, &adl::ADLAdapterODClockInfo::sMemoryClock,
                       &adl::ADLODClockSetting::iDefaultClock, nullptr);
 }
 
@@ -458,7 +484,11 @@ void AMDGPU::currentGPUUsage(std::vector<int>& usage)
     }
 }
 
-void AMDGPU::refresh() { adl->Main_Control_Refresh(); }
+void AMDGPU::refresh()
+{
+    if (adl)
+        adl->Main_Control_Refresh();
+}
 
 void AMDGPU::enumThermalControllerInfo()
 {

@@ -21,12 +21,14 @@ namespace {
 struct Context {
     int id = 0;
     ADL_MAIN_MALLOC_CALLBACK allocate = nullptr;
+    bool connectedOnly = true; // iEnumConnectedAdapters of its create call
 };
 
 struct Module {
     sim::adl::Machine machine;
     int controls = 0; // main controls of the first interface now open
     ADL_MAIN_MALLOC_CALLBACK allocate = nullptr;
+    bool connectedOnly = true;
     std::vector<std::unique_ptr<Context>> contexts;
     int nextContext = 1;
 
@@ -134,10 +136,24 @@ int answer(const Caller& caller, int adapterIndex, Out* out, std::optional<Out> 
     return ADL_OK;
 }
 
-// A main control of the first interface, or with 'context' an ADL2 context. The
-// X2 forms also say how ADL is to serialise the calls.
-int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_CONTEXT_HANDLE* context,
-                  std::optional<ADLThreadingModel> threading = std::nullopt)
+// The adapters a caller is shown: every one, or only the connected ones when
+// its main control or context was created for those.
+std::vector<const sim::adl::Adapter*> listedAdapters(const Caller& caller)
+{
+    const Context* context = caller.adl2 ? liveContext(caller.context) : nullptr;
+    const bool connectedOnly = context ? context->connectedOnly : module().connectedOnly;
+    std::vector<const sim::adl::Adapter*> listed;
+    for (const sim::adl::Adapter& adapter : module().machine.adapters)
+        if (adapter.connected || !connectedOnly)
+            listed.push_back(&adapter);
+    return listed;
+}
+
+// A main control of the first interface, or with 'context' an ADL2 context.
+// 'enumConnected' is 1 for connected adapters only, 0 for all; the X2 forms
+// also say how ADL is to serialise the calls.
+int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
+                  ADL_CONTEXT_HANDLE* context, std::optional<ADLThreadingModel> threading = std::nullopt)
 {
     reloadMachine();
     const auto fault = sim::enter(caller.entry);
@@ -145,6 +161,8 @@ int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_C
         return static_cast<int>(*fault->returnCode);
     if (!callback)
         return ADL_ERR_INVALID_CALLBACK;
+    if (enumConnected != 0 && enumConnected != 1)
+        return ADL_ERR_INVALID_PARAM;
     if (threading)
         sim::record(std::string("ADL threading model ") +
                     (*threading == ADL_THREADING_LOCKED ? "locked" : "unlocked"));
@@ -152,6 +170,7 @@ int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_C
     if (!caller.adl2) {
         ++state.controls;
         state.allocate = callback;
+        state.connectedOnly = enumConnected == 1;
         sim::record("ADL main control created");
         return ADL_OK;
     }
@@ -160,6 +179,7 @@ int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, ADL_C
     auto created = std::make_unique<Context>();
     created->id = state.nextContext++;
     created->allocate = callback;
+    created->connectedOnly = enumConnected == 1;
     *context = created.get();
     sim::record("ADL2 context " + std::to_string(created->id) + " created");
     state.contexts.push_back(std::move(created));
@@ -173,7 +193,7 @@ int numberOfAdapters(const Caller& caller, int* count)
         return *call.early;
     if (!count)
         return ADL_ERR_NULL_POINTER;
-    const auto size = static_cast<std::int64_t>(module().machine.adapters.size());
+    const auto size = static_cast<std::int64_t>(listedAdapters(caller).size());
     *count = static_cast<int>(call.fault && call.fault->count ? *call.fault->count : size);
     return ADL_OK;
 }
@@ -188,10 +208,10 @@ int adapterInfo(const Caller& caller, LPAdapterInfo info, int size)
         return ADL_ERR_NULL_POINTER;
     if (size < static_cast<int>(sizeof(AdapterInfo)))
         return ADL_ERR_INVALID_PARAM_SIZE;
-    const auto& adapters = module().machine.adapters;
+    const auto adapters = listedAdapters(caller);
     const std::size_t room = static_cast<std::size_t>(size) / sizeof(AdapterInfo);
     for (std::size_t i = 0; i < std::min(room, adapters.size()); ++i) {
-        info[i] = adapters[i].info;
+        info[i] = adapters[i]->info;
         if (call.unterminated())
             sim::adl::unterminate(info[i]);
     }
@@ -233,8 +253,8 @@ int handOut(const Caller& caller, const Call& call, const std::vector<T>& items,
     if (!list)
         return ADL_ERR_NULL_POINTER;
     std::vector<AdapterInfo> infos;
-    for (const sim::adl::Adapter& adapter : module().machine.adapters) {
-        infos.push_back(adapter.info);
+    for (const sim::adl::Adapter* adapter : listedAdapters(caller)) {
+        infos.push_back(adapter->info);
         if (call.unterminated())
             sim::adl::unterminate(infos.back());
     }
@@ -369,16 +389,19 @@ int crossfireCaps(const Caller& caller, int adapterIndex, int* preferred, int* n
     if (!call.gpu->crossfire)
         return ADL_ERR_NOT_SUPPORTED;
     const sim::adl::Crossfire& crossfire = *call.gpu->crossfire;
-    // A "count" fault lists that many combinations, the missing ones empty.
-    constexpr std::int64_t most = INT_MAX / static_cast<std::int64_t>(sizeof(ADLCrossfireComb));
-    const std::int64_t listed = call.fault && call.fault->count ? std::clamp<std::int64_t>(*call.fault->count, 0, most)
-                                                                : static_cast<std::int64_t>(crossfire.combinations.size());
+    // A "count" fault reports that many combinations; the list holds them, the
+    // missing ones empty, up to what a driver could hand out (a larger count is
+    // a lie the list does not back).
+    constexpr std::int64_t most = 1024;
+    const std::int64_t reported = call.fault && call.fault->count
+                                      ? std::clamp<std::int64_t>(*call.fault->count, INT_MIN, INT_MAX)
+                                      : static_cast<std::int64_t>(crossfire.combinations.size());
     std::vector<ADLCrossfireComb> list;
-    for (std::int64_t i = 0; i < listed; ++i)
+    for (std::int64_t i = 0; i < std::min(reported, most); ++i)
         list.push_back(static_cast<std::size_t>(i) < crossfire.combinations.size() ? crossfire.combinations[i].links
                                                                                    : ADLCrossfireComb{});
     *preferred = crossfire.preferred;
-    *numComb = static_cast<int>(listed);
+    *numComb = static_cast<int>(reported);
     return handOut(caller, call, list, combinations);
 }
 
@@ -516,11 +539,13 @@ int refreshControl(const Caller& caller)
 #define CHECK_SIGNATURE(function) \
     static_assert(std::is_same_v<decltype(&function), PFN_##function>, #function " has the wrong signature")
 
-SIM_EXPORT int ADL_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int)
+#if !defined(SIM_OMIT_ADL_Main_Control_Create)
+SIM_EXPORT int ADL_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected)
 {
-    return createControl({"ADL_Main_Control_Create"}, callback, nullptr);
+    return createControl({"ADL_Main_Control_Create"}, callback, enumConnected, nullptr);
 }
 CHECK_SIGNATURE(ADL_Main_Control_Create);
+#endif
 
 SIM_EXPORT int ADL_Main_Control_Destroy()
 {
@@ -533,35 +558,55 @@ SIM_EXPORT int ADL_Main_Control_Destroy()
 }
 CHECK_SIGNATURE(ADL_Main_Control_Destroy);
 
+#if !defined(SIM_OMIT_ADL_Adapter_NumberOfAdapters_Get)
 SIM_EXPORT int ADL_Adapter_NumberOfAdapters_Get(int* count)
 {
     return numberOfAdapters({"ADL_Adapter_NumberOfAdapters_Get"}, count);
 }
 CHECK_SIGNATURE(ADL_Adapter_NumberOfAdapters_Get);
+#endif
 
+#if !defined(SIM_OMIT_ADL_Adapter_AdapterInfo_Get)
 SIM_EXPORT int ADL_Adapter_AdapterInfo_Get(LPAdapterInfo info, int size)
 {
     return adapterInfo({"ADL_Adapter_AdapterInfo_Get"}, info, size);
 }
 CHECK_SIGNATURE(ADL_Adapter_AdapterInfo_Get);
+#endif
 
+#if !defined(SIM_OMIT_ADL_Adapter_VideoBiosInfo_Get)
 SIM_EXPORT int ADL_Adapter_VideoBiosInfo_Get(int adapterIndex, ADLBiosInfo* bios)
 {
     return answer({"ADL_Adapter_VideoBiosInfo_Get"}, adapterIndex, bios, &Gpu::bios);
 }
 CHECK_SIGNATURE(ADL_Adapter_VideoBiosInfo_Get);
+#endif
 
+#if !defined(SIM_OMIT_ADL_Overdrive6_FanSpeed_Get)
+// The caller says in iSpeedType which speeds it wants: only those are filled.
 SIM_EXPORT int ADL_Overdrive6_FanSpeed_Get(int adapterIndex, ADLOD6FanSpeedInfo* fan)
 {
-    return answer({"ADL_Overdrive6_FanSpeed_Get"}, adapterIndex, fan, &Gpu::fanSpeed);
+    const int wanted = fan ? fan->iSpeedType : 0;
+    const int status = answer({"ADL_Overdrive6_FanSpeed_Get"}, adapterIndex, fan, &Gpu::fanSpeed);
+    if (status == ADL_OK) {
+        fan->iSpeedType &= wanted;
+        if (!(wanted & ADL_OD6_FANSPEED_TYPE_PERCENT))
+            fan->iFanSpeedPercent = 0;
+        if (!(wanted & ADL_OD6_FANSPEED_TYPE_RPM))
+            fan->iFanSpeedRPM = 0;
+    }
+    return status;
 }
 CHECK_SIGNATURE(ADL_Overdrive6_FanSpeed_Get);
+#endif
 
+#if !defined(SIM_OMIT_ADL_Overdrive6_CurrentStatus_Get)
 SIM_EXPORT int ADL_Overdrive6_CurrentStatus_Get(int adapterIndex, ADLOD6CurrentStatus* status)
 {
     return answer({"ADL_Overdrive6_CurrentStatus_Get"}, adapterIndex, status, &Gpu::currentStatus);
 }
 CHECK_SIGNATURE(ADL_Overdrive6_CurrentStatus_Get);
+#endif
 
 #if !defined(SIM_OMIT_ADL_Adapter_MemoryInfo_Get)
 SIM_EXPORT int ADL_Adapter_MemoryInfo_Get(int adapterIndex, ADLMemoryInfo* memory)
@@ -588,18 +633,19 @@ CHECK_SIGNATURE(ADL_Adapter_MemoryInfo_Get);
     SIM_ADL2_FORM(name, answer, parameters, arguments)
 
 #if !defined(SIM_OMIT_ADL_Main_ControlX2_Create)
-SIM_EXPORT int ADL_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADLThreadingModel threading)
+SIM_EXPORT int ADL_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
+                                         ADLThreadingModel threading)
 {
-    return createControl({"ADL_Main_ControlX2_Create"}, callback, nullptr, threading);
+    return createControl({"ADL_Main_ControlX2_Create"}, callback, enumConnected, nullptr, threading);
 }
 CHECK_SIGNATURE(ADL_Main_ControlX2_Create);
 #endif
 
 #if !defined(SIM_OMIT_ADL2_Main_ControlX2_Create)
-SIM_EXPORT int ADL2_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADL_CONTEXT_HANDLE* context,
-                                          ADLThreadingModel threading)
+SIM_EXPORT int ADL2_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
+                                          ADL_CONTEXT_HANDLE* context, ADLThreadingModel threading)
 {
-    return createControl({"ADL2_Main_ControlX2_Create", true}, callback, context, threading);
+    return createControl({"ADL2_Main_ControlX2_Create", true}, callback, enumConnected, context, threading);
 }
 CHECK_SIGNATURE(ADL2_Main_ControlX2_Create);
 #endif
@@ -646,12 +692,22 @@ SIM_ADL2_FORM(Overdrive5_ThermalDevices_Enum, thermalDevices,
 
 SIM_BOTH_FORMS(Adapter_ASICFamilyType_Get, asicFamily, (int adapterIndex, int* types, int* valids),
                (adapterIndex, types, valids))
-SIM_BOTH_FORMS(Adapter_Crossfire_Caps, crossfireCaps,
-               (int adapterIndex, int* preferred, int* numComb, ADLCrossfireComb** combinations),
-               (adapterIndex, preferred, numComb, combinations))
-SIM_BOTH_FORMS(Adapter_Crossfire_Get, crossfireGet,
-               (int adapterIndex, ADLCrossfireComb* combination, ADLCrossfireInfo* info),
-               (adapterIndex, combination, info))
+#define SIM_CROSSFIRE_CAPS                                                                                    \
+    (Adapter_Crossfire_Caps, crossfireCaps,                                                                   \
+     (int adapterIndex, int* preferred, int* numComb, ADLCrossfireComb** combinations),                       \
+     (adapterIndex, preferred, numComb, combinations))
+#define SIM_CROSSFIRE_GET                                                                                     \
+    (Adapter_Crossfire_Get, crossfireGet, (int adapterIndex, ADLCrossfireComb* combination, ADLCrossfireInfo* info), \
+     (adapterIndex, combination, info))
+#define SIM_APPLY(form, arguments) form arguments
+#if !defined(SIM_OMIT_ADL_Adapter_Crossfire_Caps)
+SIM_APPLY(SIM_ADL_FORM, SIM_CROSSFIRE_CAPS)
+#endif
+SIM_APPLY(SIM_ADL2_FORM, SIM_CROSSFIRE_CAPS)
+#if !defined(SIM_OMIT_ADL_Adapter_Crossfire_Get)
+SIM_APPLY(SIM_ADL_FORM, SIM_CROSSFIRE_GET)
+#endif
+SIM_APPLY(SIM_ADL2_FORM, SIM_CROSSFIRE_GET)
 SIM_BOTH_FORMS(Adapter_ID_Get, adapterId, (int adapterIndex, int* id), (adapterIndex, id))
 SIM_BOTH_FORMS(Overdrive6_Temperature_Get, overdrive6Temperature, (int adapterIndex, int* temperature),
                (adapterIndex, temperature))
@@ -684,9 +740,10 @@ SIM_ADL2_FORM(Overdrive8_Current_SettingX2_Get, od8CurrentSettingX2,
               (int adapterIndex, int* numberOfFeatures, int** list), (adapterIndex, numberOfFeatures, list))
 
 #if !defined(SIM_OMIT_ADL2_Main_Control_Create)
-SIM_EXPORT int ADL2_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int, ADL_CONTEXT_HANDLE* context)
+SIM_EXPORT int ADL2_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
+                                        ADL_CONTEXT_HANDLE* context)
 {
-    return createControl({"ADL2_Main_Control_Create", true}, callback, context);
+    return createControl({"ADL2_Main_Control_Create", true}, callback, enumConnected, context);
 }
 CHECK_SIGNATURE(ADL2_Main_Control_Create);
 #endif
@@ -705,14 +762,18 @@ SIM_EXPORT int ADL2_Main_Control_Destroy(ADL_CONTEXT_HANDLE context)
 }
 CHECK_SIGNATURE(ADL2_Main_Control_Destroy);
 
+#if !defined(SIM_OMIT_ADL2_Adapter_NumberOfAdapters_Get)
 SIM_EXPORT int ADL2_Adapter_NumberOfAdapters_Get(ADL_CONTEXT_HANDLE context, int* count)
 {
     return numberOfAdapters({"ADL2_Adapter_NumberOfAdapters_Get", true, context}, count);
 }
 CHECK_SIGNATURE(ADL2_Adapter_NumberOfAdapters_Get);
+#endif
 
+#if !defined(SIM_OMIT_ADL2_Adapter_AdapterInfo_Get)
 SIM_EXPORT int ADL2_Adapter_AdapterInfo_Get(ADL_CONTEXT_HANDLE context, LPAdapterInfo info, int size)
 {
     return adapterInfo({"ADL2_Adapter_AdapterInfo_Get", true, context}, info, size);
 }
 CHECK_SIGNATURE(ADL2_Adapter_AdapterInfo_Get);
+#endif

@@ -314,8 +314,12 @@ Gpu readGpu(const json& adl, const vendor::AdapterInfo& first)
     gpu.overdriveNTemperature = readNumber(member(adl, "overdriveN"), "temperature");
     gpu.odClock = readODClock(member(adl, "odClock"));
     gpu.overdrive8 = readOverdrive8(member(adl, "overdrive8"));
-    // One id per physical adapter, from its PCI location unless the scenario says.
-    gpu.adapterId = integer(adl, "adapterId", (first.iBusNumber << 8) | (first.iDeviceNumber << 3) | first.iFunctionNumber);
+    // One id per physical adapter, from its PCI location unless the scenario says;
+    // made from the location's bits, so any numbers a scenario gives fit.
+    const auto bits = [](int field, unsigned width) { return static_cast<unsigned>(field) & ((1u << width) - 1); };
+    const unsigned fromLocation =
+        (bits(first.iBusNumber, 8) << 8) | (bits(first.iDeviceNumber, 5) << 3) | bits(first.iFunctionNumber, 3);
+    gpu.adapterId = integer(adl, "adapterId", static_cast<int>(fromLocation));
     return gpu;
 }
 
@@ -385,6 +389,7 @@ Machine readMachine(const json& scenario)
             entry.overdrive =
                 member(adapter, "overdrive").is_object() ? readOverdriveCaps(member(adapter, "overdrive")) : overdrive;
             entry.displays = integer(adapter, "displays", entry.info.strDisplayName[0] != '\0' ? 1 : 0);
+            entry.connected = !member(adapter, "connected").is_boolean() || member(adapter, "connected").get<bool>();
             machine.adapters.push_back(entry);
         }
         const vendor::AdapterInfo none{};

@@ -73,6 +73,7 @@ struct Adapter {
     std::optional<AsicFamily> asic;
     std::optional<OverdriveCaps> overdrive;
     int displays = 0; // Display_NumberOfDisplays_Get
+    bool connected = true; // listed to a client that asked for connected adapters only
 };
 
 struct Machine {

@@ -3,7 +3,7 @@
 // that ADL allocates must be freed on every path and never read outside; the
 // sanitizer build checks both (leak and heap-overflow reports fail the run).
 #include <cstdint>
-#include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,8 +16,6 @@ namespace {
 
 using namespace kestrel::test::adl;
 
-constexpr std::uint64_t max64 = std::numeric_limits<std::uint64_t>::max();
-
 // The first-pass record of the one-adapter card of 'scenario'.
 std::shared_ptr<libKestrel::IGPU> readCard(const json& scenario)
 {
@@ -27,43 +25,51 @@ std::shared_ptr<libKestrel::IGPU> readCard(const json& scenario)
     return records.empty() ? nullptr : records[0];
 }
 
-TEST(AmdProperties, ReadingsReachTheRecordInItsUnitsWithADLSign)
+TEST_F(AmdSource, ReadingsReachTheRecordInItsUnitsAndNegativeOnesAreLeftOut)
 {
     LogCapture capture;
-    // Millidegrees to degrees, truncated toward zero; a negative result keeps its
-    // sign in the unsigned property.
-    const std::pair<int, std::uint64_t> temperatures[] = {{-500, 0}, {59999, 59}, {60000, 60}, {-1500, max64}};
+    const auto negative = [&capture](const std::string& what) {
+        return capture.has("libKestrel.ADL", 3, "300 Negative reading left out: " + what);
+    };
+    // Millidegrees to degrees, truncated; no sensor reads below absolute zero in
+    // ADL's unsigned sense, so a negative value is the driver's error.
+    const std::pair<int, std::optional<std::uint64_t>> temperatures[] = {
+        {59999, 59}, {60000, 60}, {-500, std::nullopt}, {-5000, std::nullopt}};
     for (const auto& [millidegrees, degrees] : temperatures) {
+        SCOPED_TRACE(millidegrees);
         const auto gpu = readCard(oneAdapter({{"overdrive5", {{"temperature", millidegrees}}}}));
         ASSERT_TRUE(gpu);
-        EXPECT_EQ(gpu->temperatureCurrent(), degrees) << millidegrees;
-        EXPECT_TRUE(capture.has("libKestrel.ADL", 1,
-                                "65 Temperature current (millidegrees Celsius): " + std::to_string(millidegrees)));
+        EXPECT_EQ(gpu->temperatureCurrent(), degrees);
+        EXPECT_EQ(negative("Temperature current (millidegrees Celsius): " + std::to_string(millidegrees)), !degrees);
     }
-    // Bytes to kilobytes, divided with their sign; the bandwidth as ADL gives it.
-    const std::pair<std::int64_t, std::uint64_t> sizes[] = {
-        {1023, 0}, {-1023, 0}, {2048, 2}, {-2048, max64 - 1}, {8LL << 40, 8ULL << 30}};
+    // Bytes to kilobytes; the bandwidth as ADL gives it.
+    const std::pair<std::int64_t, std::optional<std::uint64_t>> sizes[] = {
+        {1023, 0}, {2048, 2}, {8LL << 40, 8ULL << 30}, {-1024, std::nullopt}};
     for (const auto& [bytes, kilobytes] : sizes) {
+        SCOPED_TRACE(bytes);
         const auto gpu = readCard(oneAdapter({{"memory", {{"size", bytes}, {"bandwidth", -1}}}}));
         ASSERT_TRUE(gpu);
-        EXPECT_EQ(gpu->dedicatedMemory(), kilobytes) << bytes;
-        EXPECT_EQ(gpu->memoryBandwidth(), max64);
-        EXPECT_TRUE(capture.has("libKestrel.ADL", 1,
-                                "250 Memory size: " + std::to_string(static_cast<std::int64_t>(kilobytes))));
+        EXPECT_EQ(gpu->dedicatedMemory(), kilobytes);
+        EXPECT_FALSE(gpu->memoryBandwidth());
+        EXPECT_EQ(negative("Memory size: " + std::to_string(bytes)), !kilobytes);
     }
-    // Clocks from 10 kHz to kHz, in 32 bits; utilisation and fan speed unchanged.
-    const auto gpu = readCard(oneAdapter(
-        {{"overdrive6", {{"engineClock", 123456}, {"memoryClock", -1}, {"activity", 100}, {"fan", {{"type", 1}}}}}}));
+    EXPECT_TRUE(negative("Memory bandwidth: -1"));
+    // Clocks from 10 kHz to kHz; utilisation and fan speed unchanged.
+    const auto gpu = readCard(oneAdapter({{"overdrive6",
+                                           {{"engineClock", 123456}, {"memoryClock", -1}, {"activity", 100},
+                                            {"fan", {{"percent", -1}, {"rpm", 1650}}}}}}));
     ASSERT_TRUE(gpu);
     EXPECT_EQ(gpu->graphicsClock(), 1234560u);
-    EXPECT_EQ(gpu->memoryClock(), 4294967286u);
+    EXPECT_FALSE(gpu->memoryClock());
     EXPECT_EQ(gpu->utilizationGPU(), 100u);
-    EXPECT_EQ(gpu->fanSpeedRPM(), 1650u) << "kept whatever iSpeedType says";
-    EXPECT_TRUE(capture.has("libKestrel.ADL", 1, "193 Memory clock (ten-kHz): -1"));
+    EXPECT_FALSE(gpu->fanSpeedPercent());
+    EXPECT_EQ(gpu->fanSpeedRPM(), 1650u);
+    EXPECT_TRUE(negative("Memory clock (ten-kHz): -1"));
+    EXPECT_TRUE(negative("FanSpeed %: -1"));
     expectReleased();
 }
 
-TEST(AmdProperties, AFailingQueryCostsOnlyItsOwnProperties)
+TEST_F(AmdSource, AFailingQueryCostsOnlyItsOwnProperties)
 {
     json scenario = radeon();
     scenario["faults"] = json::parse(R"({
@@ -108,7 +114,7 @@ std::string filled(const std::string& text)
     return field;
 }
 
-TEST(AmdProperties, StringsWithoutTheirZeroAreReadWithinTheirFields)
+TEST_F(AmdSource, StringsWithoutTheirZeroAreReadWithinTheirFields)
 {
     json scenario = oneAdapter(json::object());
     scenario["faults"] = json::parse(R"({"ADL_Adapter_AdapterInfo_Get": {"unterminated": true},
@@ -123,7 +129,7 @@ TEST(AmdProperties, StringsWithoutTheirZeroAreReadWithinTheirFields)
     EXPECT_TRUE(capture.has("libKestrel.ADL", 1, "251 Memory type: " + filled("GDDR6")));
 }
 
-TEST(AmdCrossfire, TheSupportedFieldOfThePreferredCombinationDecides)
+TEST_F(AmdSource, TheSupportedFieldOfThePreferredCombinationDecides)
 {
     struct Case {
         const char* crossfire;
@@ -151,7 +157,7 @@ TEST(AmdCrossfire, TheSupportedFieldOfThePreferredCombinationDecides)
     }
 }
 
-TEST(AmdCrossfire, NoUsableCombinationGivesNoValue)
+TEST_F(AmdSource, NoUsableCombinationGivesNoValue)
 {
     struct Case {
         json changes;

@@ -9,11 +9,14 @@
 
 #include "adl/AdlTesting.h"
 #include "common/Simulator.h"
+#include "common/Sources.h"
+#include <gmock/gmock.h>
 #include "libKestrel/Query.h"
 
 namespace {
 
 using namespace kestrel::test::adl;
+using kestrel::test::LogLine;
 
 const char* const querier = "libKestrel.AMDGPUQuerierMulti";
 
@@ -62,7 +65,7 @@ size_t position(const Lines& journal, const std::string& event)
     return static_cast<size_t>(std::find(journal.begin(), journal.end(), event) - journal.begin());
 }
 
-TEST(AmdQuery, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAdapter)
+TEST_F(AmdSource, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAdapter)
 {
     SimulatedMachine machine(radeon().dump());
     LogCapture capture;
@@ -104,7 +107,7 @@ TEST(AmdQuery, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAdapt
     expectReleased();
 }
 
-TEST(AmdQuery, TheAdaptersOfOneCardMergeIntoOneRecord)
+TEST_F(AmdSource, TheAdaptersOfOneCardMergeIntoOneRecord)
 {
     SimulatedMachine machine(radeon().dump());
     std::bitset<4> status;
@@ -134,16 +137,18 @@ void expectFailedPass(const FailedPass& pass)
     expectReleased();
 }
 
-TEST(AmdQuery, AFirstPassFailureEndsTheQueryWithoutRecordsOrSecondPass)
+TEST_F(AmdSource, AFirstPassFailureEndsTheQueryWithoutRecordsOrSecondPass)
 {
     const FailedPass failures[] = {
         {R"({"ADL_Main_Control_Create": {"return": -1}})", {"3|149 Failed to create main control: -1"}, 0},
         {R"({"ADL_Adapter_NumberOfAdapters_Get": {"return": -2}})", {"4|164 Failed to retrieve the adapter count: -2"}, 0},
         // A warning is no success either.
         {R"({"ADL_Adapter_AdapterInfo_Get": {"return": 1}})", {"4|182 Failed to retrieve the adapter info: 1"}, 0},
-        // More adapters than ADL's int size argument can hold: not asked for.
+        // More adapters than any machine has: a broken driver, nothing allocated or asked for.
         {R"({"ADL_Adapter_NumberOfAdapters_Get": {"count": 2147483647}})",
-         {"4|182 Failed to retrieve the adapter info: -4"}, 0},
+         {"4|172 Adapter count beyond any machine, not enumerating: 2147483647"}, 0},
+        {R"({"ADL_Adapter_NumberOfAdapters_Get": {"count": 4097}})",
+         {"4|172 Adapter count beyond any machine, not enumerating: 4097"}, 0},
     };
     for (const FailedPass& pass : failures)
         expectFailedPass(pass);
@@ -154,18 +159,20 @@ TEST(AmdQuery, AFirstPassFailureEndsTheQueryWithoutRecordsOrSecondPass)
     EXPECT_EQ(machine.count("ADL2_Main_Control_Create"), 0u);
 }
 
-TEST(AmdQuery, ASecondPassFailureKeepsTheFirstPassRecords)
+TEST_F(AmdSource, ASecondPassFailureKeepsTheFirstPassRecords)
 {
     const FailedPass failures[] = {
         {R"({"ADL2_Main_Control_Create": {"return": -3}})", {"3|205 Error initializing ADL2: -3"}, 3},
         {R"({"ADL2_Adapter_NumberOfAdapters_Get": {"return": -1}})", {"4|221 Failed to retrieve the adapter count: -1"}, 3},
+        {R"({"ADL2_Adapter_NumberOfAdapters_Get": {"count": 100000}})",
+         {"4|229 Adapter count beyond any machine, not enumerating: 100000"}, 3},
         {R"({"ADL2_Adapter_AdapterInfo_Get": {"return": -4}})", {"4|239 Failed to retrieve the adapter info: -4"}, 3},
     };
     for (const FailedPass& pass : failures)
         expectFailedPass(pass);
 }
 
-TEST(AmdQuery, AnEmptyAdapterListIsNoFailure)
+TEST_F(AmdSource, AnEmptyAdapterListIsNoFailure)
 {
     // The first pass sees no adapter; the second still runs and reports the present ones.
     json scenario = radeon();
@@ -185,31 +192,84 @@ TEST(AmdQuery, AnEmptyAdapterListIsNoFailure)
     expectReleased();
 }
 
-TEST(AdlWithoutAdl2, TheFirstPassRecordsAreReturned)
+TEST_F(AmdSource, EntriesADLDidNotFillOrPlacedOffTheBusMakeNoRecord)
 {
-    SimulatedMachine machine(radeon().dump());
-    LogCapture capture(Priority::WARNING);
-    EXPECT_EQ(queryAMD().size(), 3u);
-    EXPECT_EQ(capture.of(querier), (Lines{"3|197 Main_Control_Create not available"}));
-    expectClosedAndUnloaded(machine);
+    // ADL counts more adapters than it writes: the entries left zero are no GPU at 00:00.0.
+    json scenario = radeon();
+    scenario["faults"] = json::parse(R"({"ADL_Adapter_NumberOfAdapters_Get": {"count": 5},
+                                         "ADL2_Adapter_NumberOfAdapters_Get": {"count": 4}})");
+    auto run = kestrel::test::runSource(libKestrel::queryAMDGPUsMulti, scenario.dump(), Priority::WARNING);
+    EXPECT_EQ(run.records.size(), 5u);
+    for (const auto& gpu : run.records)
+        EXPECT_EQ(gpu->pciLocation(), pci::PciLocation(3, 0, 0, 0));
+    EXPECT_THAT(run.lines, testing::IsSupersetOf({LogLine{querier, 3, "183 Adapter entries ADL did not fill, skipped: 2"},
+                                                  LogLine{querier, 3, "240 Adapter entries ADL did not fill, skipped: 1"}}));
+
+    // A device above 31 or a function above 7 is no PCI location; the bus is 8 bits.
+    const struct {
+        json pci;
+        const char* where;
+    } misplaced[] = {{{{"bus", 3}, {"device", 40}}, "bus 3, device 40, function 0"},
+                     {{{"bus", 3}, {"function", 255}}, "bus 3, device 0, function 255"},
+                     {{{"bus", 256}}, "bus 256, device 0, function 0"},
+                     {{{"bus", -1}}, "bus -1, device 0, function 0"}};
+    for (const auto& row : misplaced) {
+        SCOPED_TRACE(row.where);
+        run = kestrel::test::runSource(libKestrel::queryAMDGPUsMulti,
+                                       oneAdapter({{"adapters", {{{"pci", row.pci}}}}}).dump(), Priority::WARNING);
+        EXPECT_TRUE(run.records.empty());
+        const std::string line = std::string("Adapter outside the PCI bus, skipped: ") + row.where;
+        EXPECT_EQ(run.lines, (std::vector<LogLine>{{querier, 3, "58 " + line}, {querier, 3, "109 " + line}}));
+    }
     expectReleased();
 }
 
-TEST(AdlWithoutMemoryInfo, RecordsLackOnlyTheMemoryProperties)
+// Drivers that lack an entry the source needs: what each costs.
+TEST(AdlWithoutEntries, EachMissingEntryCostsWhatDependsOnIt)
 {
-    SimulatedMachine machine(radeon().dump());
-    LogCapture capture(Priority::WARNING);
-    const Records records = queryAMD();
-    ASSERT_EQ(records.size(), 5u);
-    EXPECT_FALSE(records[0]->dedicatedMemory());
-    EXPECT_FALSE(records[0]->memoryBandwidth());
-    EXPECT_EQ(records[0]->fanSpeedRPM(), 1650u);
-    EXPECT_EQ(capture.of("libKestrel.ADL"), (Lines(3, "3|232 Adapter_MemoryInfo_Get not available")));
-    expectReleased();
+    const struct {
+        const char* module;
+        size_t records;
+        Lines querierLines;
+        Lines adlLines; // per first-pass adapter
+    } drivers[] = {
+        {"sim_adl_without_main_control", 0, {"3|142 Main_Control_Create not available"}, {}},
+        {"sim_adl_without_adapter_count", 0, {"3|156 Adapter_NumberOfAdapters_Get not available"}, {}},
+        {"sim_adl_without_adapter_info", 0, {"3|174 Adapter_AdapterInfo_Get not available"}, {}},
+        {"sim_adl_without_adl2", 3, {"3|197 Main_Control_Create not available"}, {}},
+        {"sim_adl_without_adl2_count", 3, {"3|214 Adapter_NumberOfAdapters_Get not available"},
+         {"3|75 Adapter_Crossfire_Caps not available"}},
+        {"sim_adl_without_properties", 3, {"3|232 Adapter_AdapterInfo_Get not available"},
+         {"3|32 Adapter_VideoBiosInfo_Get not available", "3|111 Adapter_Crossfire_Get not available",
+          "3|52 Overdrive5_Temperature_Get not available", "3|177 Overdrive6_CurrentStatus_Get not available",
+          "3|207 Overdrive6_CurrentStatus_Get not available", "3|232 Adapter_MemoryInfo_Get not available",
+          "3|263 Overdrive6_FanSpeed_Get not available"}},
+    };
+    for (const auto& driver : drivers) {
+        SCOPED_TRACE(driver.module);
+        SimulatedModules modules{driver.module};
+        SimulatedMachine machine(radeon().dump());
+        LogCapture capture(Priority::WARNING);
+        const Records records = queryAMD();
+        EXPECT_EQ(records.size(), driver.records);
+        EXPECT_EQ(capture.of(querier), driver.querierLines);
+        Lines adlLines;
+        for (size_t i = 0; i < driver.records; ++i)
+            adlLines.insert(adlLines.end(), driver.adlLines.begin(), driver.adlLines.end());
+        EXPECT_EQ(capture.of("libKestrel.ADL"), adlLines);
+        if (driver.records && driver.module == std::string("sim_adl_without_properties")) {
+            EXPECT_EQ(kestrel::test::describe(*records[0]),
+                      "0000:03:00.0 name=AMD Radeon RX 6800 hardwareAcceleration=true "
+                      "uuid=PCI_VEN_1002&DEV_73BF&SUBSYS_0E3A1002&REV_C3");
+        }
+        expectClosedAndUnloaded(machine);
+        expectReleased();
+    }
 }
 
 TEST(AdlAbsent, NoLibraryNoRecords)
 {
+    SimulatedModules none{};
     LogCapture capture;
     EXPECT_TRUE(queryAMD().empty());
     EXPECT_EQ(capture.messages(querier), (Lines{"3|134 Failed to load AMD Display Library"}));

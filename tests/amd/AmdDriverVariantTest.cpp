@@ -63,6 +63,12 @@ TEST(AmdWithoutX2, AFallbackThatFailsGivesNoGPUs)
     SimulatedMachine uncounted(twoGPUs({{"ADL2_Adapter_NumberOfAdapters_Get", {{"return", -2}}}}));
     EXPECT_EQ(AMDGPU::enumerate(gpus), 0u);
     EXPECT_TRUE(logged(capture, 3, "261 Adapter_NumberOfAdapters_Get failed -2"));
+
+    // A count no machine has: no buffer is made for it, no list asked for.
+    SimulatedMachine absurd(twoGPUs({{"ADL2_Adapter_NumberOfAdapters_Get", {{"count", 2147483647}}}}));
+    EXPECT_EQ(AMDGPU::enumerate(gpus), 0u);
+    EXPECT_TRUE(logged(capture, 3, "700 Adapter count beyond any machine, not enumerating: 2147483647"));
+    EXPECT_EQ(absurd.count("ADL2_Adapter_AdapterInfo_Get"), 0u);
 }
 
 // Without both forms of Overdrive5_Temperature_Get and Overdrive5_ThermalDevices_Enum.

@@ -120,6 +120,77 @@ TEST(AmdEnumeration, AnAdapterListThatCannotBeReadGivesNoGPUs)
     }
 }
 
+// An adapter at <bus>:00.0 with one of its numbers changed.
+json misplaced(int bus, const char* number, int value)
+{
+    json entry = adapter(bus, "B");
+    entry["pci"][number] = value;
+    return entry;
+}
+
+TEST(AmdEnumeration, ACountNoMachineHasOrAPlaceOffTheBusMakesNoGPU)
+{
+    // A count near INT_MAX is a broken driver: nothing is allocated for it. (The
+    // X2 list that enumerate reads is ADL's own, read to its end.)
+    {
+        SimulatedMachine machine(adapters({adapter(3, "A")},
+                                          {{"ADL2_Adapter_NumberOfAdapters_Get", {{"count", 2147483647}}}}));
+        LogCapture capture;
+        EXPECT_THROW(AMDGPU gpu(at(3)), std::exception);
+        EXPECT_TRUE(logged(capture, 3, "700 Adapter count beyond any machine, not enumerating: 2147483647"));
+    }
+    // Device 40 or function 9 is no PCI location: such an adapter is left out.
+    SimulatedMachine machine(adapters({adapter(3, "A"), misplaced(4, "device", 40), misplaced(5, "function", 9)}));
+    LogCapture capture;
+    const std::vector<AMDGPU> gpus = enumerated();
+    ASSERT_EQ(gpus.size(), 1u);
+    EXPECT_EQ(gpus[0].pciLocation(), at(3));
+    EXPECT_TRUE(logged(capture, 3, "701 Adapter outside the PCI bus, skipped: bus 4, device 40, function 0"));
+    EXPECT_TRUE(logged(capture, 3, "701 Adapter outside the PCI bus, skipped: bus 5, device 0, function 9"));
+}
+
+// A host's own static list of GPUs outlives the library's ADL, which ends at
+// exit before it: its tables must find nothing left to call into.
+std::vector<AMDGPU> hostGPUs;
+
+TEST(AmdIdentity, GPUsThatOutliveTheLibrarysADLEndQuietlyAtExit)
+{
+    SimulatedMachine machine(adapters({adapter(3, "A")}));
+    hostGPUs = enumerated();
+    hostGPUs.emplace_back(at(3));
+    EXPECT_EQ(hostGPUs.size(), 2u); // the process's clean exit is the check
+}
+
+// An object without adapters (moved from) answers every operation as a failure.
+TEST(AmdIdentity, AMovedFromGPUAnswersEveryOperationAsAFailure)
+{
+    SimulatedMachine machine(scenario({gpuAt(3, {{"overdrive5", {{"temperature", 50000}}}})}));
+    std::vector<AMDGPU> gpus = enumerated();
+    ASSERT_EQ(gpus.size(), 1u);
+    AMDGPU moved = std::move(gpus[0]);
+    AMDGPU& gone = gpus[0];
+    gone.refresh();
+    EXPECT_EQ(gone.currentClock(), 0u);
+    EXPECT_EQ(gone.currentMemoryClock(), 0u);
+    EXPECT_EQ(gone.defaultClock(), 0u);
+    EXPECT_EQ(gone.defaultMemoryClock(), 0u);
+    std::vector<float> temperatures{1.0f};
+    gone.currentTemperature(temperatures);
+    EXPECT_TRUE(temperatures.empty());
+    std::vector<int> usage;
+    gone.currentGPUUsage(usage);
+    EXPECT_TRUE(usage.empty());
+    EXPECT_FALSE(gone.isDiscrete());
+    EXPECT_TRUE(gone.displayIds().empty());
+    libKestrel::adl::ADLOD8InitSetting init{};
+    libKestrel::adl::ADLOD8CurrentSetting current{};
+    EXPECT_NE(gone.GetOD8InitSetting(0, init), 0);
+    EXPECT_NE(gone.GetOD8CurrentSetting(0, current), 0);
+    // The GPU it moved to still answers.
+    moved.currentTemperature(temperatures);
+    EXPECT_EQ(temperatures, std::vector<float>{50.0f});
+}
+
 TEST(AmdIdentity, AFamilyCountsOnlyWithItsValidBitAndTheFirstAdapterSetsIt)
 {
     using Predicate = bool (AMDGPU::*)() const;

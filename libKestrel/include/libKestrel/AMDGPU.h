@@ -36,13 +36,23 @@ public:
 
     // The GPU's PCI location (domain 0). An object without adapters (moved from,
     // or a CrossFire link that ADL no longer lists) answers 00:00.0, where ADL
-    // never places an AMD GPU.
+    // never places an AMD GPU; its operations all answer as failures (false, 0,
+    // nothing).
     const pci::PciLocation& pciLocation() const;
     // The display names of the adapters that drive a display, in ADL's order.
     const std::vector<std::string>& displayIds() const;
 
     // The GPU's ASIC family, as the first of its adapters reports it; a family
-    // counts only when ADL marks its bit valid.
+    // counts only when ADL marks its bit valid. Each comes in the form hosts
+    // link against and as a const overload.
+    bool isDiscrete();
+    bool isIntegrated();
+    bool isFireGL();
+    bool isFireMV();
+    bool isXGP();
+    bool isFusion();
+    bool isFireStream();
+    bool isEmbedded();
     bool isDiscrete() const;
     bool isIntegrated() const;
     bool isFireGL() const;

@@ -1,10 +1,11 @@
 #include "libKestrel/internal/multi/AMDGPUQuerierMulti.h"
 
-#include <climits>
+#include <algorithm>
 #include <optional>
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/Sources.h"
+#include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/AMD/adlwrapper.h"
@@ -28,14 +29,15 @@ struct PassTags {
     const char* countMissing;
     const char* countFailed;
     const char* counted;
+    const char* countAbsurd;
     const char* infoMissing;
     const char* infoFailed;
+    const char* unfilled;
+    const char* location;
+    const char* misplaced;
 };
-constexpr PassTags adlTags{"156 ", "164 ", "171 ", "174 ", "182 "};
-constexpr PassTags adl2Tags{"214 ", "221 ", "228 ", "232 ", "239 "};
-
-// ADL takes the list's size in bytes as an int: no longer list can be asked for.
-constexpr int maxAdapterCount = static_cast<int>(INT_MAX / sizeof(adl::AdapterInfo));
+constexpr PassTags adlTags{"156 ", "164 ", "171 ", "172 ", "174 ", "182 ", "183 ", "57 ", "58 "};
+constexpr PassTags adl2Tags{"214 ", "221 ", "228 ", "229 ", "232 ", "239 ", "240 ", "108 ", "109 "};
 
 // ADL's adapter list through one interface's count and list entries; 'context'
 // is the ADL2 context, or nothing for the first interface. Empty after a logged
@@ -55,6 +57,10 @@ std::optional<std::vector<adl::AdapterInfo>> readAdapters(const PassTags& tags, 
         return std::nullopt;
     }
     log(site, Priority::TRACE, tags.counted, "Enumerated AMD adapter count: ", count);
+    if (count > adlwrapper::mostAdapters) {
+        log(site, Priority::CRITICAL, tags.countAbsurd, "Adapter count beyond any machine, not enumerating: ", count);
+        return std::nullopt;
+    }
     if (!infoEntry) {
         log(site, Priority::WARNING, tags.infoMissing, "Adapter_AdapterInfo_Get not available");
         return std::nullopt;
@@ -62,12 +68,6 @@ std::optional<std::vector<adl::AdapterInfo>> readAdapters(const PassTags& tags, 
     std::vector<adl::AdapterInfo> adapters;
     if (count < 1)
         return adapters; // nothing to ask for
-    if (count > maxAdapterCount) {
-        // ADL would refuse such a buffer size; refuse it for ADL.
-        log(site, Priority::CRITICAL, tags.infoFailed, "Failed to retrieve the adapter info: ",
-            adl::ADL_ERR_INVALID_PARAM_SIZE);
-        return std::nullopt;
-    }
     adapters.resize(static_cast<std::size_t>(count));
     const int size = count * static_cast<int>(sizeof(adl::AdapterInfo));
     const int filled = infoEntry(context..., adapters.data(), size);
@@ -75,19 +75,30 @@ std::optional<std::vector<adl::AdapterInfo>> readAdapters(const PassTags& tags, 
         log(site, Priority::CRITICAL, tags.infoFailed, "Failed to retrieve the adapter info: ", filled);
         return std::nullopt;
     }
+    // ADL writes iSize into every entry it fills; a count larger than its list
+    // leaves zeros behind, which would read as a GPU at 00:00.0.
+    const auto unfilled = std::remove_if(adapters.begin(), adapters.end(),
+                                         [](const adl::AdapterInfo& info) { return info.iSize == 0; });
+    if (unfilled != adapters.end())
+        log(site, Priority::WARNING, tags.unfilled, "Adapter entries ADL did not fill, skipped: ",
+            adapters.end() - unfilled);
+    adapters.erase(unfilled, adapters.end());
     return adapters;
 }
 
 void append(Records& result, const Records& records) { result.insert(result.end(), records.begin(), records.end()); }
 
-// The adapter's place on the bus; ADL has no domain, and its numbers are cut to
-// the 8 bits of a PCI bus, device and function.
-pci::PciLocation adapterLocation(const adl::AdapterInfo& info, const char* tag)
+// The adapter's place on the bus (ADL has no domain), or nothing when ADL places
+// it where no PCI device can be.
+std::optional<pci::PciLocation> adapterLocation(const adl::AdapterInfo& info, const PassTags& tags)
 {
-    const pci::PciLocation location(static_cast<unsigned char>(info.iBusNumber),
-                                    static_cast<unsigned char>(info.iDeviceNumber),
-                                    static_cast<unsigned char>(info.iFunctionNumber), 0);
-    log(site, Priority::TRACE, tag, "Found PCI location information: ", location);
+    const auto location = pciLocationOf(info.iBusNumber, info.iDeviceNumber, info.iFunctionNumber);
+    if (!location) {
+        log(site, Priority::WARNING, tags.misplaced, "Adapter outside the PCI bus, skipped: bus ", info.iBusNumber,
+            ", device ", info.iDeviceNumber, ", function ", info.iFunctionNumber);
+        return std::nullopt;
+    }
+    log(site, Priority::TRACE, tags.location, "Found PCI location information: ", *location);
     return location;
 }
 
@@ -151,7 +162,10 @@ Records queryAMDGPU(const adl::AdapterInfo& info)
 {
     auto trace = site.trace("queryAMDGPU", 150);
     log(site, Priority::TRACE, "49 ", "Adapter present: ", info.iPresent);
-    const auto gpu = std::make_shared<GPU>(adapterLocation(info, "57 "));
+    const auto location = adapterLocation(info, adlTags);
+    if (!location)
+        return {};
+    const auto gpu = std::make_shared<GPU>(*location);
     const int index = info.iAdapterIndex;
     gpu->setName(adlString(info.strAdapterName));
     gpu->setUUID(adlString(info.strUDID));
@@ -180,7 +194,10 @@ Records queryPresentAMDGPU(const adl::AdapterInfo& info)
         log(site, Priority::WARNING, "98 ", "Adapter considered not present, not enumerating");
         return {};
     }
-    const auto gpu = std::make_shared<GPU>(adapterLocation(info, "108 "));
+    const auto location = adapterLocation(info, adl2Tags);
+    if (!location)
+        return {};
+    const auto gpu = std::make_shared<GPU>(*location);
     gpu->setCoreCount(query_CoreInfo());
     return {gpu};
 }

@@ -39,11 +39,18 @@ bool callADL(Entry entry, const Message& missing, const Message& failed, Args...
     return true;
 }
 
-// Conversions of ADL's signed fields to the record's unsigned properties keep
-// ADL's arithmetic (signed, truncating toward zero) and then take the bits as
-// they are, as a negative reading has always been passed on.
-std::uint32_t unsigned32(std::int64_t value) { return static_cast<std::uint32_t>(value); }
-std::uint64_t unsigned64(std::int64_t value) { return static_cast<std::uint64_t>(value); }
+// A reading of one of ADL's signed fields for an unsigned property, scaled by
+// 'times' / 'per' in 64 bits. No reading ADL gives is below zero: a negative one
+// is the driver's error, and the property is left out.
+template <class T>
+std::optional<T> reading(std::int64_t value, const char* label, std::int64_t times = 1, std::int64_t per = 1)
+{
+    if (value < 0) {
+        log(site, Priority::WARNING, "300 ", "Negative reading left out: ", label, value);
+        return std::nullopt;
+    }
+    return static_cast<T>(value * times / per);
+}
 
 } // namespace
 
@@ -71,7 +78,7 @@ std::optional<std::uint64_t> query_TemperatureCurrent(int adapterIndex)
                  {"61 ", "Failed to retrieve ADL temperature: "}, adapterIndex, 0, &temperature))
         return std::nullopt;
     log(site, Priority::TRACE, "65 ", "Temperature current (millidegrees Celsius): ", shown(temperature.iTemperature));
-    return unsigned64(temperature.iTemperature / 1000);
+    return reading<std::uint64_t>(temperature.iTemperature, "Temperature current (millidegrees Celsius): ", 1, 1000);
 }
 
 std::optional<bool> query_Crossfire(int adapterIndex)
@@ -127,7 +134,8 @@ AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
     log(site, Priority::TRACE, "192 ", "Engine clock (ten-kHz): ", status.iEngineClock);
     log(site, Priority::TRACE, "193 ", "Memory clock (ten-kHz): ", status.iMemoryClock);
     // ADL counts in units of 10 kHz.
-    return {unsigned32(std::int64_t{status.iEngineClock} * 10), unsigned32(std::int64_t{status.iMemoryClock} * 10)};
+    return {reading<std::uint32_t>(status.iEngineClock, "Engine clock (ten-kHz): ", 10),
+            reading<std::uint32_t>(status.iMemoryClock, "Memory clock (ten-kHz): ", 10)};
 }
 
 std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
@@ -144,7 +152,7 @@ std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
     log(site, Priority::TRACE, "221 ", "MaximumBusLanes: ", status.iMaximumBusLanes);
     log(site, Priority::TRACE, "222 ", "CurrentBusSpeed: ", status.iCurrentBusSpeed);
     log(site, Priority::TRACE, "223 ", "CurrentBusLanes: ", status.iCurrentBusLanes);
-    return unsigned32(status.iActivityPercent);
+    return reading<std::uint32_t>(status.iActivityPercent, "GPU utilization: ");
 }
 
 AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
@@ -159,7 +167,8 @@ AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
     log(site, Priority::TRACE, "250 ", "Memory size: ", kilobytes);
     log(site, Priority::TRACE, "251 ", "Memory type: ", type);
     log(site, Priority::TRACE, "252 ", "Memory bandwidth: ", memory.iMemoryBandwidth);
-    return {unsigned64(memory.iMemoryBandwidth), std::move(type), unsigned64(kilobytes)};
+    return {reading<std::uint64_t>(memory.iMemoryBandwidth, "Memory bandwidth: "), std::move(type),
+            reading<std::uint64_t>(memory.iMemorySize, "Memory size: ", 1, 1024)};
 }
 
 AMDFanSpeed query_FanSpeed(int adapterIndex)
@@ -173,7 +182,8 @@ AMDFanSpeed query_FanSpeed(int adapterIndex)
     log(site, Priority::TRACE, "280 ", "FanSpeed %: ", fan.iFanSpeedPercent);
     log(site, Priority::TRACE, "281 ", "FanSpeed RPM: ", fan.iFanSpeedRPM);
     // Both are kept whatever iSpeedType says was filled.
-    return {unsigned32(fan.iFanSpeedPercent), unsigned32(fan.iFanSpeedRPM)};
+    return {reading<std::uint32_t>(fan.iFanSpeedPercent, "FanSpeed %: "),
+            reading<std::uint32_t>(fan.iFanSpeedRPM, "FanSpeed RPM: ")};
 }
 
 } // namespace libKestrel

@@ -51,6 +51,10 @@ bool initializeLibrary();
 // which the next initializeLibrary overwrites.
 void uninitializeLibrary();
 
+// More adapters than any machine has (a GPU has one per output): an adapter
+// count above it comes from a broken driver, and nothing is allocated for it.
+constexpr int mostAdapters = 4096;
+
 // ADL's memory callback: malloc of the size. What ADL allocates through it is
 // released with free.
 void* adlMainMemoryAlloc(int size);
