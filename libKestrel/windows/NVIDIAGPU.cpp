@@ -223,8 +223,6 @@ bool NVIDIAGPU::isInSLI(std::vector<NVIDIAGPU>& others) const
 bool NVIDIAGPU::supportsCuda(unsigned int& major, unsigned int& minor)
 {
     auto trace = site.trace("bool NVIDIAGPU::supportsCuda(unsigned int& major, unsigned int& minor)", 223);
-    // One load of the driver for all the questions below.
-    CudaDriverHold driver;
     int driverVersion = 0;
     if (cudaDriverGetVersion(&driverVersion) != cuda::cudaSuccess) {
         log(site, Priority::TRACE, "276 ", "Could not get driver version");

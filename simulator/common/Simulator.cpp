@@ -16,6 +16,7 @@ struct ModuleState {
     std::mutex mutex;
     nlohmann::json scenario = nlohmann::json::object();
     std::map<std::string, std::int64_t> calls;
+    unsigned long generation = 0; // of the scenario last read
 };
 
 ModuleState& module()
@@ -88,10 +89,20 @@ const nlohmann::json& scenario() { return module().scenario; }
 void reload()
 {
     ModuleState& state = module();
+    const unsigned long generation = kestrelSimScenarioGeneration();
     nlohmann::json fresh = loadScenario();
     std::lock_guard<std::mutex> lock(state.mutex);
     state.scenario = std::move(fresh);
     state.calls.clear();
+    state.generation = generation;
+}
+
+bool scenarioChanged()
+{
+    ModuleState& state = module();
+    const unsigned long generation = kestrelSimScenarioGeneration();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    return state.generation != generation;
 }
 
 std::optional<Fault> enter(const char* entry, std::int64_t device)

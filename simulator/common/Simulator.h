@@ -28,6 +28,11 @@ const nlohmann::json& scenario();
 // their vendor's library is initialised. Restarts the per-entry call counts.
 void reload();
 
+// True when a scenario was set since this module last reloaded: a module whose
+// vendor initialises once per process reloads then, so that a host or test can
+// change the machine under it.
+bool scenarioChanged();
+
 // A fault the scenario injects into one call.
 struct Fault {
     std::optional<std::int64_t> returnCode; // "return": the status to return instead

@@ -112,10 +112,12 @@ void readScenario()
 }
 
 // Records the call and returns the fault that applies to it. The scenario is read
-// by cuInit, and by the first call after the module is loaded.
+// by cuInit, by the first call after the module is loaded, and by the first call
+// after a new scenario is set: the library initialises the driver once per
+// process, and tests and hosts change the machine under it.
 std::optional<sim::Fault> enter(const char* entry, std::int64_t device = -1)
 {
-    if (!driver().scenarioRead)
+    if (!driver().scenarioRead || sim::scenarioChanged())
         readScenario();
     return sim::enter(entry, device);
 }

@@ -10,6 +10,7 @@ struct State {
     std::mutex mutex;
     std::optional<std::string> scenario;
     std::string journal;
+    unsigned long generation = 0;
 };
 
 State& state()
@@ -28,6 +29,14 @@ void kestrelSimSetScenario(const char* json)
     std::lock_guard<std::mutex> lock(s.mutex);
     s.scenario = json ? std::optional<std::string>(json) : std::nullopt;
     s.journal.clear();
+    ++s.generation;
+}
+
+unsigned long kestrelSimScenarioGeneration()
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.generation;
 }
 
 const char* kestrelSimScenario()

@@ -18,6 +18,9 @@
 // null goes back to the file named by KESTREL_SIM_SCENARIO. Clears the journal.
 SIM_STATE_API void kestrelSimSetScenario(const char* json);
 
+// How many times a scenario was set: a module that stays initialised compares it
+// to see a new machine.
+SIM_STATE_API unsigned long kestrelSimScenarioGeneration();
 // The scenario text set above, or null when none is set. Valid until the next set.
 SIM_STATE_API const char* kestrelSimScenario();
 

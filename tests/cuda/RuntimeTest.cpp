@@ -1,13 +1,16 @@
+#include <bitset>
 #include <cstring>
+#include <utility>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/Modules.h"
 #include "common/Simulator.h"
+#include "libKestrel/Sources.h"
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
-#include "state/SimulatorState.h"
 
 namespace {
 
@@ -16,50 +19,44 @@ namespace cuda = libKestrel::cuda;
 
 const char* const oneDevice = R"({"gpus": [{"name": "Only", "pci": {"bus": 101}, "cuda": {}}]})";
 
-// The journal's CUDA driver lifetime events, in order.
-std::vector<std::string> lifetime(const SimulatedMachine& machine)
+// Run in a process of its own that starts without a driver: the driver, once
+// found, stays for the rest of the process.
+TEST(CudaLifetime, TheDriverIsLookedForUntilFoundThenLoadedAndInitialisedOncePerProcess)
 {
-    std::vector<std::string> events;
-    for (const auto& event : machine.journal())
-        if (event == "load cuda" || event == "unload cuda" || event == "cuInit")
-            events.push_back(event);
-    return events;
-}
-
-TEST(CudaRuntime, EachCallLoadsTheDriverUnlessAHoldOnItsThreadShares)
-{
+    const auto deviceCount = [] {
+        int count = -1;
+        return std::make_pair(libKestrel::cudaGetDeviceCount(&count), count);
+    };
     SimulatedMachine machine(oneDevice);
-    int version = 0;
-    ASSERT_EQ(libKestrel::cudaDriverGetVersion(&version), cuda::cudaSuccess);
-    EXPECT_EQ(version, 12040);
-    int count = 0;
-    ASSERT_EQ(libKestrel::cudaGetDeviceCount(&count), cuda::cudaSuccess);
-    EXPECT_EQ(count, 1);
-    EXPECT_EQ(lifetime(machine),
-              (std::vector<std::string>{"load cuda", "unload cuda", "load cuda", "cuInit", "unload cuda"}));
-
-    kestrelSimClearJournal();
+    EXPECT_EQ(deviceCount(), std::make_pair(cuda::cudaErrorInsufficientDriver, 0)) << "no driver installed yet";
     {
-        const libKestrel::CudaDriverHold hold;
-        const libKestrel::CudaDriverHold inner; // changes nothing
-        cuda::cudaDeviceProp prop{};
-        EXPECT_EQ(libKestrel::cudaGetDeviceCount(&count), cuda::cudaSuccess);
-        EXPECT_EQ(libKestrel::cudaGetDeviceProperties(&prop, 0), cuda::cudaSuccess);
-        EXPECT_STREQ(prop.name, "Only");
-        EXPECT_EQ(prop.pciBusID, 101);
-        EXPECT_EQ(lifetime(machine), (std::vector<std::string>{"load cuda", "cuInit"}));
+        // A driver installed while the host runs is found by the next call.
+        const kestrel::test::SimulatedModules installed{"sim_cuda"};
+        // Initialisation that fails is tried again, and so is a driver older
+        // than the runtime.
+        SimulatedMachine failing(R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}], "faults": {"cuInit": {"return": 3}}})");
+        EXPECT_EQ(deviceCount(), std::make_pair(cuda::cudaErrorInitializationError, 0));
+        SimulatedMachine old(R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}], "cudaDriver": {"version": 4020}})");
+        EXPECT_EQ(deviceCount(), std::make_pair(cuda::cudaErrorInsufficientDriver, 0));
+        EXPECT_EQ(old.count("cuInit"), 1u);
 
-        // Another thread does not use this thread's driver: it takes its own load
-        // (of the module that is mapped already) and initialises it itself.
-        std::thread other([] {
-            int otherCount = 0;
-            EXPECT_EQ(libKestrel::cudaGetDeviceCount(&otherCount), cuda::cudaSuccess);
-        });
-        other.join();
-        EXPECT_EQ(machine.count("cuInit"), 2u);
-        EXPECT_EQ(machine.count("unload cuda"), 0u);
+        SimulatedMachine good(oneDevice);
+        std::vector<std::thread> hosts;
+        for (int i = 0; i < 4; ++i)
+            hosts.emplace_back([&deviceCount] {
+                EXPECT_EQ(deviceCount(), std::make_pair(cuda::cudaSuccess, 1));
+                std::bitset<4> status;
+                EXPECT_EQ(libKestrel::queryNVidiaCudaGPUsMulti(status).size(), 1u);
+            });
+        for (std::thread& host : hosts)
+            host.join();
+        EXPECT_EQ(good.count("cuInit"), 1u) << "one initialisation for every thread and query";
     }
-    EXPECT_EQ(lifetime(machine).back(), "unload cuda") << "the hold releases the driver when it ends";
+    // The test's own hold on the module is gone; the library's stays, initialised.
+    EXPECT_EQ(machine.count("unload cuda"), 0u);
+    SimulatedMachine after(oneDevice);
+    EXPECT_EQ(deviceCount(), std::make_pair(cuda::cudaSuccess, 1));
+    EXPECT_EQ(after.count("cuInit"), 0u);
 }
 
 TEST(CudaRuntime, BadArgumentsAreRefusedAndLeaveNothingBehind)
@@ -69,7 +66,6 @@ TEST(CudaRuntime, BadArgumentsAreRefusedAndLeaveNothingBehind)
     EXPECT_EQ(libKestrel::cudaRuntimeGetVersion(nullptr), cuda::cudaErrorInvalidValue);
     EXPECT_EQ(libKestrel::cudaGetDeviceCount(nullptr), cuda::cudaErrorInvalidValue);
     EXPECT_EQ(libKestrel::cudaGetDeviceProperties(nullptr, 0), cuda::cudaErrorInvalidValue);
-    EXPECT_EQ(machine.count("load cuda"), 0u) << "no driver is loaded for a call that cannot be answered";
 
     // A failed call leaves the properties zeroed, whatever they held.
     for (const int device : {-1, 1, 32}) {
@@ -80,7 +76,6 @@ TEST(CudaRuntime, BadArgumentsAreRefusedAndLeaveNothingBehind)
         EXPECT_EQ(prop.clockRate, 0);
         EXPECT_EQ(prop.memoryBusWidth, 0);
     }
-    EXPECT_EQ(machine.count("load cuda"), machine.count("unload cuda"));
 
     // Codes from a later numbering mean nothing here.
     EXPECT_STREQ(libKestrel::cudaGetErrorName(static_cast<cuda::cudaError_t>(100)), "unrecognized error code");

@@ -68,8 +68,6 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker()
 {
     auto trace = site.trace("queryNVidiaGPUsMultiWorker", 80);
     std::vector<std::shared_ptr<IGPU>> result;
-    // One load of the driver serves the whole enumeration and is released on return.
-    const CudaDriverHold driver;
 
     int driverVersion = 0;
     if (const cuda::cudaError_t code = cudaDriverGetVersion(&driverVersion)) {

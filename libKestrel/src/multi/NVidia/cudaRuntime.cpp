@@ -1,7 +1,8 @@
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
 
 #include <algorithm>
-#include <optional>
+#include <memory>
+#include <mutex>
 
 #include "libKestrel/internal/Lookup.h"
 #include "tova/DynamicLibrary.h"
@@ -46,38 +47,45 @@ void listEntries(CudaDriverFunctions& f, Visit visit)
 
 } // namespace
 
-// One load of the driver.
+// The process's driver.
 struct CudaDriver {
     tova::DynamicLibrary library{tova::String(cudaDriverModuleName)};
     CudaDriverFunctions functions;
-    bool complete = false;                      // loaded, with every entry point
-    std::optional<cudaError_t> initialisation;  // once tried: cuInit and the version test
+    bool initialised = false; // cuInit succeeded and the version test passed
 };
 
 namespace {
 
-// The hold in force on this thread, if any. A plain pointer: nothing to destroy
-// at thread exit, and no thread sees another's driver.
-thread_local CudaDriver* heldDriver = nullptr;
+std::mutex driverMutex;
+// Never deleted: the driver stays mapped until the process ends.
+CudaDriver* processDriver = nullptr;
 
-void open(CudaDriver& driver)
+// The process's driver, loaded now if this is the first call to find it; null
+// while no usable driver is installed. Called with driverMutex held.
+CudaDriver* loadedDriver()
 {
-    if (!driver.library.load())
-        return;
-    resolveEntries(driver.library, [&driver](auto visit) { listEntries(driver.functions, visit); });
-    driver.complete = !firstMissingEntry([&driver](auto visit) { listEntries(driver.functions, visit); });
+    if (processDriver)
+        return processDriver;
+    auto driver = std::make_unique<CudaDriver>();
+    if (!driver->library.load())
+        return nullptr;
+    resolveEntries(driver->library, [&driver](auto visit) { listEntries(driver->functions, visit); });
+    if (firstMissingEntry([&driver](auto visit) { listEntries(driver->functions, visit); }))
+        return nullptr; // released here, before anything of it ran
+    processDriver = driver.release();
+    return processDriver;
 }
 
-// Runs 'call' on the held driver, or on one loaded for this call alone and
-// released when it returns.
+// Runs 'call' on the process's driver, or answers cudaErrorInsufficientDriver.
 template <class Call>
 cudaError_t withDriver(Call call)
 {
-    if (heldDriver)
-        return call(*heldDriver);
-    CudaDriver driver;
-    open(driver);
-    return call(driver);
+    CudaDriver* driver = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(driverMutex);
+        driver = loadedDriver();
+    }
+    return driver ? call(*driver) : cudaErrorInsufficientDriver;
 }
 
 // The runtime's code for a driver result. The runtime of this numbering knows no
@@ -107,21 +115,22 @@ cudaError_t translate(CUresult result)
 }
 
 // The device calls need an initialised driver no older than our runtime version.
-// Tried once per load; the outcome stands for every later call on that load.
+// Once that holds it holds for the process, and cuInit is not called again; a
+// failure is tried again by the next call (a driver answers a repeated cuInit
+// with the outcome of its first).
 cudaError_t initialise(CudaDriver& driver)
 {
-    if (!driver.complete)
-        return cudaErrorInsufficientDriver;
-    if (!driver.initialisation) {
-        cudaError_t outcome = translate(driver.functions.cuInit(0));
-        int version = 0;
-        if (outcome == cudaSuccess)
-            outcome = translate(driver.functions.cuDriverGetVersion(&version));
-        if (outcome == cudaSuccess && version < cudaBindingRuntimeVersion)
-            outcome = cudaErrorInsufficientDriver;
-        driver.initialisation = outcome;
-    }
-    return *driver.initialisation;
+    const std::lock_guard<std::mutex> lock(driverMutex);
+    if (driver.initialised)
+        return cudaSuccess;
+    cudaError_t outcome = translate(driver.functions.cuInit(0));
+    int version = 0;
+    if (outcome == cudaSuccess)
+        outcome = translate(driver.functions.cuDriverGetVersion(&version));
+    if (outcome == cudaSuccess && version < cudaBindingRuntimeVersion)
+        outcome = cudaErrorInsufficientDriver;
+    driver.initialised = outcome == cudaSuccess;
+    return outcome;
 }
 
 // Where each property the library reads comes from.
@@ -189,29 +198,12 @@ const ErrorText& errorText(cudaError_t error)
 
 } // namespace
 
-CudaDriverHold::CudaDriverHold()
-{
-    if (heldDriver)
-        return;
-    driver_ = std::make_unique<CudaDriver>();
-    open(*driver_);
-    heldDriver = driver_.get();
-}
-
-CudaDriverHold::~CudaDriverHold()
-{
-    if (driver_)
-        heldDriver = nullptr;
-}
-
 cudaError_t cudaDriverGetVersion(int* driverVersion)
 {
     if (!driverVersion)
         return cudaErrorInvalidValue;
     *driverVersion = 0;
     return withDriver([driverVersion](CudaDriver& driver) {
-        if (!driver.complete)
-            return cudaErrorInsufficientDriver;
         int version = 0;
         const cudaError_t result = translate(driver.functions.cuDriverGetVersion(&version));
         if (result == cudaSuccess)

@@ -18,22 +18,12 @@ namespace libKestrel {
 // device calls refuse an older driver with cudaErrorInsufficientDriver.
 constexpr int cudaBindingRuntimeVersion = 5000;
 
-struct CudaDriver;
-
-// Keeps the driver loaded on the calling thread while it lives, so that the CUDA
-// calls made there in between share one load and one initialisation; it releases
-// the driver when destroyed. Without a hold, each call loads the driver and
-// releases it before returning. Within a hold, a second one changes nothing.
-class CudaDriverHold {
-public:
-    CudaDriverHold();
-    ~CudaDriverHold();
-    CudaDriverHold(const CudaDriverHold&) = delete;
-    CudaDriverHold& operator=(const CudaDriverHold&) = delete;
-
-private:
-    std::unique_ptr<CudaDriver> driver_; // null when an outer hold serves
-};
+// The driver is loaded on the first call that needs it and kept for the life of
+// the process, initialised by cuInit until that succeeds once, as NVIDIA's runtime
+// does: a driver that has started its threads cannot be unloaded safely, nor
+// initialised again after a reload. A
+// driver that is missing or lacks an entry point is let go (nothing of it has
+// run) and looked for again by the next call. Every call is thread-safe.
 
 // The driver's CUDA version (1000 x major + 10 x minor). Without a usable driver:
 // cudaErrorInsufficientDriver and 0, which is what the runtime answers elsewhere
