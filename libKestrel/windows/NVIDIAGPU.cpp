@@ -5,6 +5,7 @@
 #include <string>
 
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
 #include "libKestrel/internal/windows/NVidia/nvapiwrapper.h"
 
@@ -199,9 +200,13 @@ bool NVIDIAGPU::currentTemperature(std::vector<float>& temps) const
 
 bool NVIDIAGPU::isInSLI(std::vector<NVIDIAGPU>& others) const
 {
-    others.clear();
+    // 'others' may hold this very object: its handle is read first, and the old
+    // list (ending it) is destroyed only as the function returns.
+    const NvPhysicalGpuHandle self = handle_;
+    std::vector<NVIDIAGPU> linked;
+    ScopeExit replace([&others, &linked] { others.swap(linked); });
     NvLogicalGpuHandle logical = nullptr;
-    if (const NvAPI_Status status = NvAPI_GetLogicalGPUFromPhysicalGPU(handle_, &logical); status != NVAPI_OK) {
+    if (const NvAPI_Status status = NvAPI_GetLogicalGPUFromPhysicalGPU(self, &logical); status != NVAPI_OK) {
         report("NvAPI_GetLogicalGPUFromPhysicalGPU", status);
         return false;
     }
@@ -213,10 +218,10 @@ bool NVIDIAGPU::isInSLI(std::vector<NVIDIAGPU>& others) const
         return false;
     }
     const NvU32 usable = std::min(count, NVAPI_MAX_PHYSICAL_GPUS);
-    others.reserve(usable);
+    linked.reserve(usable);
     for (NvU32 i = 0; i < usable; ++i)
-        if (handles[i] != handle_)
-            others.push_back(NVIDIAGPU(handles[i]));
+        if (handles[i] != self)
+            linked.push_back(NVIDIAGPU(handles[i]));
     return count > 1;
 }
 

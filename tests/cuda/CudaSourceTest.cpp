@@ -167,6 +167,17 @@ TEST(CudaSource, AFailureBeforeTheDeviceLoopYieldsNothing)
     }
 }
 
+TEST(CudaSource, ADevicePlacedOffThePciBusGivesNoRecord)
+{
+    SimulatedMachine machine(R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}, {"pci": {"bus": 3, "device": 40}, "cuda": {}},
+                                           {"pci": {"bus": 256}, "cuda": {}}]})");
+    LogCapture capture(Priority::WARNING);
+    EXPECT_EQ(query().size(), 1u);
+    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"),
+              (Lines{"3|58 Device outside the PCI bus, skipped: bus 3, device 40",
+                     "3|58 Device outside the PCI bus, skipped: bus 256, device 0"}));
+}
+
 TEST(CudaSource, AnAbsurdDeviceCountIsNotWalkedPastTheDriversLimit)
 {
     // NVIDIA's driver manages at most 32 GPUs; the ordinals past the one real

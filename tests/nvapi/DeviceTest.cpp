@@ -1,6 +1,7 @@
 // The exported NVIDIAGPU class against the simulated driver.
 #include <exception>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "common/LogCapture.h"
 #include "common/Simulator.h"
 #include "libKestrel/NVIDIAGPU.h"
+#include "libKestrel/internal/windows/NVidia/nvapiwrapper.h"
 #include "nvapi/NvapiTesting.h"
 
 namespace {
@@ -241,6 +243,35 @@ TEST_F(NvidiaGpu, SliMembershipListsTheOtherGpusOfTheGroup)
     // A count beyond the handles written sends empty handles to the handle
     // constructor, whose unreadable bus throws; nothing is read past the array.
     EXPECT_THROW(gpus[0].isInSLI(others), std::exception);
+
+    // The list asked to hold the partners may hold the asking GPU itself.
+    const pci::PciLocation partner = gpus[1].pciLocation();
+    EXPECT_TRUE(gpus[0].isInSLI(gpus));
+    ASSERT_EQ(gpus.size(), 1u);
+    EXPECT_EQ(gpus[0].pciLocation(), partner);
+}
+
+// Hosts use the class from many threads: every reference taken and dropped
+// meanwhile is counted, and no call runs into a release.
+TEST_F(NvidiaGpu, ReferencesTakenOnManyThreadsAreCountedExactly)
+{
+    SimulatedMachine simulated(machine());
+    const HeldNvapi keep(1);
+    std::vector<NVIDIAGPU> gpus;
+    ASSERT_EQ(NVIDIAGPU::enumerate(gpus), 2u);
+    const unsigned int references = libKestrel::nvapiBinding().references;
+    std::vector<std::thread> hosts;
+    for (int t = 0; t < 4; ++t)
+        hosts.emplace_back([&gpus] {
+            for (int i = 0; i < 500; ++i) {
+                const NVIDIAGPU::NvAPIInitializer reference;
+                EXPECT_EQ(gpus[0].fanSpeed(), 1450u);
+            }
+        });
+    for (std::thread& host : hosts)
+        host.join();
+    EXPECT_EQ(libKestrel::nvapiBinding().references, references);
+    EXPECT_EQ(simulated.count("NvAPI_Initialize"), simulated.count("NvAPI_Unload") + references);
 }
 
 TEST_F(NvidiaGpu, LiveAnswersAndTheirSilentFailures)

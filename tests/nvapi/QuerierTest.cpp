@@ -269,8 +269,9 @@ TEST(NvapiQuerier, BadDriverDataCostsPropertiesNotTheHost)
 {
     const std::string longName = "A name longer than the sixty-four bytes of NVAPI's short string, cut short";
     SimulatedMachine machine(machineWith(R"({"name": ")" + longName + R"(",
-                                             "pci": {"bus": 1}, "nvapi": {"busId": 513, "slotId": 259}},
-                                            {"pci": {"bus": 2}, "nvapi": {}})",
+                                             "pci": {"bus": 1}, "nvapi": {"slotId": 3}},
+                                            {"pci": {"bus": 2}, "nvapi": {}},
+                                            {"pci": {"bus": 4}, "nvapi": {"busId": 513, "slotId": 259}})",
                                          R"(, "sli": [[0, 1]], "faults": {
             "NvAPI_EnumPhysicalGPUs": {"count": 1000},
             "NvAPI_GPU_GetFullName": {"device": 0, "unterminated": true},
@@ -282,9 +283,11 @@ TEST(NvapiQuerier, BadDriverDataCostsPropertiesNotTheHost)
 
     ASSERT_EQ(records.size(), 2u);
     EXPECT_TRUE(capture.has(querier, 1, "119 Enumerated physical NVidia GPU count: 1000"));
-    // Only the array's 64 handles are visited; the 62 empty ones have no location.
-    EXPECT_EQ(capture.count("52 Could not obtain PCI Location information for nvidia device"), 62u);
-    EXPECT_EQ(records[0]->pciLocation(), pci::PciLocation(1, 3, 0, 0)) << "bus and slot narrowed to 8 bits";
+    // Only the array's 64 handles are visited; the 61 empty ones have no location,
+    // and no PCI device sits at bus 513, device 259.
+    EXPECT_EQ(capture.count("52 Could not obtain PCI Location information for nvidia device"), 61u);
+    EXPECT_TRUE(capture.has(querier, 3, "53 Device outside the PCI bus, skipped: bus 513, device 259"));
+    EXPECT_EQ(records[0]->pciLocation(), pci::PciLocation(1, 3, 0, 0));
     EXPECT_EQ(records[0]->name(), longName.substr(0, 64)) << "an unterminated name is read to the buffer's end";
     EXPECT_EQ(records[1]->name(), std::string("Simulated NVIDIA GPU"));
     EXPECT_EQ(records[0]->sli(), true);

@@ -169,6 +169,18 @@ TEST_F(NvmlSource, ADeviceWithoutAPciLocationGivesNoRecordWhileTheOthersDo)
     }
 }
 
+TEST_F(NvmlSource, ADevicePlacedOffThePciBusGivesNoRecord)
+{
+    SimulatedMachine machine(scenario({quadro, R"({"name": "Misplaced", "pci": {"bus": 3, "device": 40}, "nvml": {}})",
+                                       R"({"name": "Far off", "pci": {"bus": 300}, "nvml": {}})"}));
+    LogCapture capture(Priority::WARNING);
+    const Records records = runSource();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(capture.messages(querier), (Lines{"3|64 Device outside the PCI bus, skipped: bus 3, device 40",
+                                                "3|64 Device outside the PCI bus, skipped: bus 300, device 0"}));
+    expectShutDownAndUnloaded(machine);
+}
+
 TEST_F(NvmlSource, EachPropertyNvmlRefusesIsLeftAbsentAndTheRestIsKept)
 {
     SimulatedMachine machine(scenario({quadro, tesla}, R"({

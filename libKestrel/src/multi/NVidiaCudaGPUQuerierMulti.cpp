@@ -8,6 +8,7 @@
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/Sources.h"
+#include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
 #include "pci/PciLocation.h"
@@ -48,11 +49,15 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(int deviceIndex)
 
     // CUDA's domain is left out and the function is always 0: that is where the
     // other NVIDIA sources place the GPU, so the records merge.
-    const pci::PciLocation location(static_cast<unsigned char>(prop.pciBusID),
-                                    static_cast<unsigned char>(prop.pciDeviceID), 0, 0);
-    log(site, Priority::TRACE, "57 ", "Found PCI location information: ", location);
+    const auto location = pciLocationOf(prop.pciBusID, prop.pciDeviceID, 0);
+    if (!location) {
+        log(site, Priority::WARNING, "58 ", "Device outside the PCI bus, skipped: bus ", prop.pciBusID, ", device ",
+            prop.pciDeviceID);
+        return {};
+    }
+    log(site, Priority::TRACE, "57 ", "Found PCI location information: ", *location);
 
-    auto gpu = std::make_shared<GPU>(location);
+    auto gpu = std::make_shared<GPU>(*location);
     // The name ends at its terminator, and never beyond the buffer.
     const char* const name = prop.name;
     gpu->setName(std::string(name, std::find(name, name + sizeof prop.name, '\0')));

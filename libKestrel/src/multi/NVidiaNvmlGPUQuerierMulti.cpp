@@ -6,6 +6,7 @@
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/Sources.h"
+#include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/NVidia/nv_nvml.h"
@@ -48,10 +49,15 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& devi
     }
     // NVML's domain is left out and the function is always 0, so that these
     // records meet the other NVIDIA sources' records of the same GPU.
-    const pci::PciLocation location(*where.bus, *where.device, 0, 0);
-    log(site, Priority::TRACE, "72 ", "Found PCI location information: ", location);
+    const auto location = pciLocationOf(*where.bus, *where.device, 0);
+    if (!location) {
+        log(site, Priority::WARNING, "64 ", "Device outside the PCI bus, skipped: bus ", *where.bus, ", device ",
+            *where.device);
+        return {};
+    }
+    log(site, Priority::TRACE, "72 ", "Found PCI location information: ", *location);
 
-    auto gpu = std::make_shared<GPU>(location);
+    auto gpu = std::make_shared<GPU>(*location);
     gpu->setName(query_ProductName(device));
     gpu->setUUID(query_UUID(device));
     gpu->setHardwareAcceleration(true);

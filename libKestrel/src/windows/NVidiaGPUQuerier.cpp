@@ -4,6 +4,7 @@
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/Sources.h"
+#include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/windows/NVidia/nv_api.h"
@@ -36,11 +37,16 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle con
         log(site, Priority::WARNING, "52 ", "Could not obtain PCI Location information for nvidia device");
         return result;
     }
-    const pci::PciLocation location(bus->bus, bus->slot, 0, 0);
-    log(site, Priority::TRACE, "61 ", "Found PCI location information: ", location);
+    const auto location = pciLocationOf(bus->bus, bus->slot, 0);
+    if (!location) {
+        log(site, Priority::WARNING, "53 ", "Device outside the PCI bus, skipped: bus ", bus->bus, ", device ",
+            bus->slot);
+        return result;
+    }
+    log(site, Priority::TRACE, "61 ", "Found PCI location information: ", *location);
 
     // Every query runs whatever the earlier ones gave.
-    auto gpu = std::make_shared<GPU>(location);
+    auto gpu = std::make_shared<GPU>(*location);
     gpu->setName(query_ProductName(handle));
     gpu->setHardwareAcceleration(true);
     gpu->setDriverVersion(query_DriverVersion());

@@ -79,11 +79,9 @@ NvmlBusAndDevice query_PciLocation(nvml::nvmlDevice_t const& device)
                    Priority::WARNING},
                   device, &info))
         return {};
-    // NVML's fields are 32 bits wide; a PCI location holds 8-bit numbers.
-    const auto bus = static_cast<std::uint8_t>(info.bus);
-    const auto number = static_cast<std::uint8_t>(info.device);
-    log(site, Priority::TRACE, "67 ", "PCI location: ", "Bus: ", shown(bus), ", ", "Device: ", shown(number));
-    return {bus, number};
+    log(site, Priority::TRACE, "67 ", "PCI location: ", "Bus: ", shown(info.bus), ", ", "Device: ",
+        shown(info.device));
+    return {info.bus, info.device};
 }
 
 std::optional<std::string> query_ProductName(nvml::nvmlDevice_t const& device)

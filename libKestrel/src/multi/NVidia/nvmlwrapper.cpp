@@ -1,6 +1,10 @@
 #include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <fstream>
+#include <sstream>
+#include <string>
 
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/Lookup.h"
@@ -57,17 +61,47 @@ bool nothingToLoad(const tova::DynamicLibrary&) { return false; }
 // The driver installs NVML under its soname, where the loader's search finds it.
 tova::String nvmlPath() { return "libnvidia-ml.so.1"; }
 
-// The loader's search is the existence test.
+// The loader searches; a failed load is then looked into.
 bool fileMissing(const tova::String&) { return false; }
 
-// When the loader finds no file it names the soname itself, followed by
-// "cannot open shared object file"; a file it found but could not load, or a
-// dependency it could not find, reads differently and counts as present.
-bool nothingToLoad(const tova::DynamicLibrary& library)
+// Far beyond any real loader cache; only so much is read.
+constexpr std::streamoff maximumCacheSize = 16 << 20;
+
+// Whether the loader's search could have found a file of this name: in a folder
+// of LD_LIBRARY_PATH, among the paths of the loader's cache, or in a default
+// folder. A library that is there but does not load is broken; one that is
+// nowhere is absent. The loader's message cannot tell: it is translated under
+// the host's locale.
+bool loaderCanFind(const std::string& name)
 {
-    const std::string absent = library.path().str() + ": cannot open shared object file";
-    return library.lastError().str().compare(0, absent.size(), absent) == 0;
+    const auto found = [&name](const std::string& folder) {
+        return !folder.empty() && tova::System::exists(tova::String(folder + "/" + name));
+    };
+    std::istringstream searchPath(tova::System::getEnvironmentVariable("LD_LIBRARY_PATH").str());
+    for (std::string folder; std::getline(searchPath, folder, ':');)
+        if (found(folder))
+            return true;
+    for (const char* folder : {"/lib", "/usr/lib", "/lib64", "/usr/lib64"})
+        if (found(folder))
+            return true;
+    // The cache's string table holds each library's full path, zero-terminated.
+    std::ifstream cache("/etc/ld.so.cache", std::ios::binary | std::ios::ate);
+    const std::streamoff size = cache ? static_cast<std::streamoff>(cache.tellg()) : 0;
+    std::string table(static_cast<std::size_t>(std::clamp<std::streamoff>(size, 0, maximumCacheSize)), '\0');
+    cache.seekg(0);
+    cache.read(table.data(), static_cast<std::streamsize>(table.size()));
+    table.resize(static_cast<std::size_t>(cache.gcount()));
+    const std::string tail = "/" + name + std::string(1, '\0');
+    for (std::size_t end = table.find(tail); end != std::string::npos; end = table.find(tail, end + 1)) {
+        const std::size_t start = table.rfind('\0', end);
+        const std::size_t from = start == std::string::npos ? 0 : start + 1;
+        if (found(table.substr(from, end - from)))
+            return true;
+    }
+    return false;
 }
+
+bool nothingToLoad(const tova::DynamicLibrary& library) { return !loaderCanFind(library.path().str()); }
 #endif
 
 // The longest error text we read: nvmlErrorString gives no length, and a text

@@ -65,7 +65,7 @@ std::optional<NvBusLocation> query_PciLocation(NvPhysicalGpuHandle handle)
     // Without a location there is no record, and the caller says so.
     if (NvAPI_GPU_GetBusId(handle, &bus) != NVAPI_OK || NvAPI_GPU_GetBusSlotId(handle, &slot) != NVAPI_OK)
         return std::nullopt;
-    const NvBusLocation location{static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(slot)};
+    const NvBusLocation location{bus, slot};
     log(site, Priority::TRACE, "44 ", "PCI location: Bus: ", shown(location.bus), ", Device: ", shown(location.slot));
     return location;
 }

@@ -1,6 +1,8 @@
 #include "libKestrel/internal/windows/NVidia/nvapiwrapper.h"
 
 #include <algorithm>
+#include <mutex>
+#include <shared_mutex>
 #include <type_traits>
 
 namespace libKestrel {
@@ -67,7 +69,8 @@ void close(NvAPIBinding& binding)
 template <class Entry, class... Arguments>
 nvapi::NvAPI_Status forward(Entry NvAPIFunctions::*slot, Arguments... arguments)
 {
-    const NvAPIBinding& binding = nvapiBinding();
+    NvAPIBinding& binding = nvapiBinding();
+    const std::shared_lock<std::shared_mutex> lock(binding.mutex);
     if (binding.references == 0)
         return nvapi::NVAPI_API_NOT_INITIALIZED;
     const Entry entry = binding.functions.*slot;
@@ -89,6 +92,7 @@ namespace nvapi {
 NvAPI_Status NvAPI_Initialize()
 {
     NvAPIBinding& binding = nvapiBinding();
+    const std::lock_guard<std::shared_mutex> lock(binding.mutex);
     if (binding.references == 0) {
         if (const NvAPI_Status opened = open(binding); opened != NVAPI_OK)
             return opened;
@@ -105,6 +109,7 @@ NvAPI_Status NvAPI_Initialize()
 NvAPI_Status NvAPI_Unload()
 {
     NvAPIBinding& binding = nvapiBinding();
+    const std::lock_guard<std::shared_mutex> lock(binding.mutex);
     if (binding.references == 0)
         return NVAPI_API_NOT_INITIALIZED;
     // A driver that still holds resources refuses (NVAPI_ERROR): the reference

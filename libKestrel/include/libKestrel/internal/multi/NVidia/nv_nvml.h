@@ -13,9 +13,10 @@ namespace libKestrel {
 // answered, all absent when the entry point is missing or the call failed.
 
 // The device's PCI bus and device numbers, each cut to the 8 bits a location holds.
+// As NVML reports them, unchecked.
 struct NvmlBusAndDevice {
-    std::optional<std::uint8_t> bus;
-    std::optional<std::uint8_t> device;
+    std::optional<unsigned int> bus;
+    std::optional<unsigned int> device;
 };
 
 struct NvmlUtilization {

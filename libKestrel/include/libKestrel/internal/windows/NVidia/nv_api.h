@@ -11,9 +11,10 @@
 namespace libKestrel {
 
 // Where NVAPI places the GPU: its bus and slot numbers, as 8-bit PCI numbers.
+// As NVAPI reports them, unchecked.
 struct NvBusLocation {
-    std::uint8_t bus;
-    std::uint8_t slot;
+    std::uint32_t bus;
+    std::uint32_t slot;
 };
 
 // Sizes in kilobytes.

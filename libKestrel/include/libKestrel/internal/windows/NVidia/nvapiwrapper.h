@@ -1,5 +1,7 @@
 #pragma once
 
+#include <shared_mutex>
+
 #include <string>
 
 #include "libKestrel/vendor/nvapi.h"
@@ -78,8 +80,12 @@ struct NvAPIFunctions {
 };
 
 // Process-wide binding state: the module, the count of NvAPI_Initialize calls not
-// yet balanced by NvAPI_Unload, and the resolved entries.
+// yet balanced by NvAPI_Unload, and the resolved entries. NVIDIAGPU values are
+// copied and destroyed on any thread, each changing the count: initialise and
+// unload hold the mutex alone, and every other call shares it while it runs, so
+// no call runs into a module being released.
 struct NvAPIBinding {
+    std::shared_mutex mutex;
     tova::DynamicLibrary library;
     unsigned int references = 0;
     NvAPIFunctions functions;
