@@ -243,12 +243,26 @@ TEST_F(NvidiaGpu, SliMembershipListsTheOtherGpusOfTheGroup)
     // A count beyond the handles written sends empty handles to the handle
     // constructor, whose unreadable bus throws; nothing is read past the array.
     EXPECT_THROW(gpus[0].isInSLI(others), std::exception);
+}
 
-    // The list asked to hold the partners may hold the asking GPU itself.
-    const pci::PciLocation partner = gpus[1].pciLocation();
-    EXPECT_TRUE(gpus[0].isInSLI(gpus));
-    ASSERT_EQ(gpus.size(), 1u);
-    EXPECT_EQ(gpus[0].pciLocation(), partner);
+// The list asked to hold the partners may hold the asking GPU itself, and grow
+// past its room while it is filled.
+TEST_F(NvidiaGpu, TheAskingGpuMayBeInTheListOfPartners)
+{
+    SimulatedMachine simulated(R"({"gpus": [{"name": "A", "pci": {"bus": 1}, "nvapi": {}},
+                                             {"name": "B", "pci": {"bus": 2}, "nvapi": {}},
+                                             {"name": "C", "pci": {"bus": 3}, "nvapi": {}}],
+                                   "sli": [[0, 1, 2]]})");
+    const HeldNvapi nvapi(8);
+    std::vector<NVIDIAGPU> gpus;
+    ASSERT_EQ(NVIDIAGPU::enumerate(gpus), 3u);
+    std::vector<NVIDIAGPU> list;
+    list.push_back(gpus[0]);
+    list.shrink_to_fit();
+    EXPECT_TRUE(list[0].isInSLI(list));
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0].name(), "B");
+    EXPECT_EQ(list[1].name(), "C");
 }
 
 // Hosts use the class from many threads: every reference taken and dropped
