@@ -37,7 +37,11 @@ std::vector<std::shared_ptr<IGPU>> queryAvailableMonitorInfo(const std::vector<M
     }
     const GLFWFunctions& glfw = glfwBinding().functions;
 
-    glfw.glfwSetErrorCallback(glfwErrorCallback);
+    // GLFW keeps one error callback per process, across glfwTerminate: a host
+    // that uses GLFW itself gets its own back, and GLFW keeps no pointer into
+    // this library once it is unloaded.
+    const glfw::GLFWerrorfun hostCallback = glfw.glfwSetErrorCallback(glfwErrorCallback);
+    ScopeExit restore([&glfw, hostCallback] { glfw.glfwSetErrorCallback(hostCallback); });
     if (glfw.glfwInit() == glfw::GLFW_FALSE) {
         log(site, Priority::WARNING, "53 ", "Failed to initialize GLFW");
         return result;

@@ -35,8 +35,21 @@ void writeToStandardError(const std::string& logger, LoggerPriority::LOGGER_PRIO
 struct Registry {
     std::mutex loggersMutex;
     std::map<std::string, std::unique_ptr<Logger>> loggers;
-    std::mutex sinkMutex; // also serialises lines, so concurrent messages never interleave
-    LogFactory::Sink sink = writeToStandardError;
+    std::mutex sinkMutex; // guards 'sink' only, never held while a line is delivered
+    std::shared_ptr<const LogFactory::Sink> sink = std::make_shared<const LogFactory::Sink>(writeToStandardError);
+    std::mutex deliveryMutex; // one line at a time, so concurrent messages never interleave
+};
+
+// Set while this thread's line is in the sink. A line the sink itself writes
+// (through a logger, directly or from a library it calls) goes to standard
+// error instead: back into the sink it would wait for itself or never end.
+thread_local bool delivering = false;
+
+struct Delivering {
+    Delivering() { delivering = true; }
+    ~Delivering() { delivering = false; }
+    Delivering(const Delivering&) = delete;
+    Delivering& operator=(const Delivering&) = delete;
 };
 
 Registry& registry()
@@ -83,15 +96,27 @@ void LogFactory::createLogger(const char* name, Logger*& out)
 void LogFactory::setSink(Sink sink)
 {
     Registry& reg = registry();
+    auto replacement = std::make_shared<const Sink>(sink ? std::move(sink) : Sink(writeToStandardError));
     std::lock_guard<std::mutex> lock(reg.sinkMutex);
-    reg.sink = sink ? std::move(sink) : Sink(writeToStandardError);
+    // A sink that replaces itself keeps running: the line it handles holds it.
+    reg.sink = std::move(replacement);
 }
 
 void LogFactory::write(const std::string& logger, LoggerPriority::LOGGER_PRIORITY priority, const std::string& text)
 {
+    if (delivering) {
+        writeToStandardError(logger, priority, text);
+        return;
+    }
     Registry& reg = registry();
-    std::lock_guard<std::mutex> lock(reg.sinkMutex);
-    reg.sink(logger, priority, text);
+    std::shared_ptr<const Sink> sink;
+    {
+        std::lock_guard<std::mutex> lock(reg.sinkMutex);
+        sink = reg.sink;
+    }
+    std::lock_guard<std::mutex> delivery(reg.deliveryMutex);
+    const Delivering inSink;
+    (*sink)(logger, priority, text);
 }
 
 } // namespace tova

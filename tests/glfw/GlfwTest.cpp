@@ -137,6 +137,23 @@ TEST_F(GlfwSimulated, InitFailureAndMissingMonitorsEndTheEnumerationCleanly)
     EXPECT_TRUE(visits.empty());
 }
 
+int hostErrors = 0;
+void hostErrorCallback(int, const char*) { ++hostErrors; }
+
+// A host that uses GLFW itself shares the module with the library: the
+// library's callback serves only while it enumerates.
+TEST_F(GlfwSimulated, TheHostsErrorCallbackIsPutBack)
+{
+    const auto setCallback = glfwFunction<glfw::PFN_glfwSetErrorCallback>("glfwSetErrorCallback");
+    setCallback(hostErrorCallback);
+    SimulatedMachine machine(R"({"monitors": [{"name": "A"}], "faults": {"glfwInit": {"return": 0}}})");
+    LogCapture capture(Priority::WARNING);
+    EXPECT_TRUE(libKestrel::queryAvailableMonitorInfo({monitorSource}).empty());
+    EXPECT_TRUE(capture.has("libKestrel.Main", 3, "31 GLFW Error: Simulated: GLFW refused to initialize"));
+    EXPECT_EQ(hostErrors, 0);
+    EXPECT_EQ(setCallback(nullptr), &hostErrorCallback);
+}
+
 TEST_F(GlfwSimulated, AMonitorWithoutAWindowCostsOnlyThatMonitor)
 {
     SimulatedMachine machine(R"({"monitors": [{"name": "Left", "x": 0}, {"name": "Right", "x": 1920}],

@@ -1,5 +1,7 @@
+#include <atomic>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -94,3 +96,30 @@ TEST(DynamicLibrary, MissingAndUnloadableFilesFailToLoad)
 }
 
 } // namespace
+
+#if defined(_WIN32)
+namespace {
+
+// The loader's quiet mode is the loading thread's own: a host thread that reads
+// the process's error mode meanwhile never sees it change.
+TEST(DynamicLibrary, LoadingLeavesTheProcessErrorModeAlone)
+{
+    const UINT processMode = GetErrorMode();
+    std::atomic<bool> done{false};
+    std::atomic<bool> changed{false};
+    std::thread host([&] {
+        while (!done)
+            if (GetErrorMode() != processMode)
+                changed = true;
+    });
+    for (int i = 0; i < 300; ++i) {
+        tova::DynamicLibrary missing("kestrel_no_such_module.dll");
+        EXPECT_FALSE(missing.load());
+    }
+    done = true;
+    host.join();
+    EXPECT_FALSE(changed);
+}
+
+} // namespace
+#endif

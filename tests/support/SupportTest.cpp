@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -125,6 +126,37 @@ TEST(LogFactory, DefaultSinkWritesOneLinePerMessageToStandardError)
     logger->log(Priority::WARNING, stream);
     const std::string written = testing::internal::GetCapturedStderr();
     EXPECT_EQ(written, "kestrel.test.Stderr [WARNING] 7 Something failed: 3\n");
+}
+
+// A host's sink may log through a logger of its own and may replace itself;
+// neither waits on the line it is handling.
+TEST(LogFactory, ASinkThatLogsOrReplacesItselfGoesOn)
+{
+    tova::Logger* logger = nullptr;
+    tova::LogFactory::createLogger("kestrel.test.Sink", logger);
+    const auto line = [logger](const char* text) {
+        tova::LoggerStream stream;
+        stream + text;
+        logger->log(Priority::WARNING, stream);
+    };
+    std::vector<std::string> first;
+    std::vector<std::string> second;
+    tova::LogFactory::setSink([&](const std::string&, Priority::LOGGER_PRIORITY, const std::string& text) {
+        first.push_back(text);
+        line("said by the sink");
+        tova::LogFactory::setSink([&second](const std::string&, Priority::LOGGER_PRIORITY, const std::string& text) {
+            second.push_back(text);
+        });
+        first.push_back("still running");
+    });
+    testing::internal::CaptureStderr();
+    line("one");
+    line("two");
+    const std::string written = testing::internal::GetCapturedStderr();
+    tova::LogFactory::setSink(nullptr);
+    EXPECT_EQ(first, (std::vector<std::string>{"one", "still running"}));
+    EXPECT_EQ(second, std::vector<std::string>{"two"});
+    EXPECT_EQ(written, "kestrel.test.Sink [WARNING] said by the sink\n");
 }
 
 TEST(System, ReportsFilesAndEnvironment)

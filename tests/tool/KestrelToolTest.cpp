@@ -119,6 +119,28 @@ TEST(KestrelTool, TextReportShowsWhatIsKnownWithUnits)
               true);
 }
 
+// NVAPI cuts names to 63 bytes: a cut inside a character leaves a byte that is
+// no UTF-8, which both reports show as U+FFFD.
+TEST(KestrelTool, TextThatIsNotUtf8IsShownWithReplacementCharacters)
+{
+    std::string accents;
+    for (int i = 0; i < 40; ++i)
+        accents += "\u00e9";
+    const std::string cut = kestrel::test::temporaryPath("cut-name.json");
+    std::ofstream(cut) << R"({"gpus": [{"name": ")" << accents << R"(", "pci": {"bus": 1}, "nvapi": {}}]})";
+    std::string shown;
+    for (int i = 0; i < 31; ++i)
+        shown += "\xC3\xA9";
+    shown += "\xEF\xBF\xBD";
+
+    const ProcessResult asJson = kestrelWith({"--simulate", cut, "--json"});
+    ASSERT_EQ(asJson.exitCode, 0) << asJson.err;
+    EXPECT_EQ(json::parse(asJson.out)["gpus"][0]["name"], shown);
+    const ProcessResult asText = kestrelWith({"--simulate", cut});
+    EXPECT_TRUE(hasLine(asText.out, "0000:01:00.0  " + shown)) << asText.out;
+    std::remove(cut.c_str());
+}
+
 TEST(KestrelTool, AnEmptyMachineSaysSo)
 {
     const std::string empty = kestrel::test::temporaryPath("empty.json");

@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Utf8.h"
+
 namespace kestrel {
 namespace {
 
@@ -62,7 +64,8 @@ std::string labelOf(const std::string& getter)
     return getter;
 }
 
-std::string textOf(const std::string& value) { return value; }
+// Drivers' texts are bytes: a name cut inside a character is shown with U+FFFD.
+std::string textOf(const std::string& value) { return validUtf8(value); }
 std::string textOf(bool value) { return value ? "yes" : "no"; }
 std::string textOf(std::uint32_t value) { return std::to_string(value); }
 std::string textOf(std::uint64_t value) { return std::to_string(value); }
@@ -76,7 +79,7 @@ std::string textOf(void* value)
 // Keys stay in record order, so the document reads like the text report.
 using Json = nlohmann::ordered_json;
 
-Json jsonOf(const std::string& value) { return value; }
+Json jsonOf(const std::string& value) { return validUtf8(value); }
 Json jsonOf(bool value) { return value; }
 Json jsonOf(std::uint32_t value) { return value; }
 Json jsonOf(std::uint64_t value) { return value; }
@@ -113,7 +116,7 @@ std::string textReport(const Records& gpus, const std::bitset<4>& status)
     if (gpus.empty())
         out << "No GPU found.\n";
     for (const auto& gpu : gpus) {
-        out << locationOf(*gpu) << "  " << gpu->name().value_or("(unnamed GPU)") << "\n";
+        out << locationOf(*gpu) << "  " << textOf(gpu->name().value_or("(unnamed GPU)")) << "\n";
         // The name heads the record; a full compute capability reads as one version.
         const bool bothVersions = gpu->versionMajor() && gpu->versionMinor();
         const auto shows = [&](const std::string& getter) {
@@ -149,7 +152,7 @@ std::string jsonReport(const Records& gpus, const std::bitset<4>& status, bool o
     Json document;
     document["gpus"] = list;
     document["insufficientPower"] = status.test(0);
-    return document.dump(oneLine ? -1 : 2) + "\n";
+    return document.dump(oneLine ? -1 : 2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 } // namespace kestrel

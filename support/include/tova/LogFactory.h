@@ -33,7 +33,9 @@ public:
     static void createLogger(const char* name, Logger*& out);
 
     // Replaces the destination of all written lines; an empty sink restores the
-    // default, which writes "name [priority] text" lines to standard error.
+    // default, which writes "name [priority] text" lines to standard error. The
+    // sink receives one line at a time. It may call setSink and may log: a line
+    // it writes while it handles one goes to standard error, not back into it.
     static void setSink(Sink sink);
 
     // Used by Logger::log: delivers one line to the current sink, one line at a time.

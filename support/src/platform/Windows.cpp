@@ -47,11 +47,14 @@ std::string systemMessage(DWORD code)
 
 void* openModule(const std::string& path, std::string& error)
 {
-    // No "missing DLL" message boxes inside a host process.
-    const UINT previousMode = SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
+    // No "missing DLL" message boxes inside a host process; for this thread only,
+    // as the host's other threads may set and rely on the process's mode meanwhile.
+    DWORD previousMode = 0;
+    const BOOL quiet = SetThreadErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &previousMode);
     HMODULE module = LoadLibraryW(widen(path).c_str());
     const DWORD code = module ? 0 : GetLastError();
-    SetErrorMode(previousMode);
+    if (quiet)
+        SetThreadErrorMode(previousMode, nullptr);
     if (!module)
         error = systemMessage(code);
     return reinterpret_cast<void*>(module);
