@@ -27,11 +27,22 @@ bool isModuleFile(const fs::path& file)
 using SetScenario = void (*)(const char* json);
 using CheckScenario = const char* (*)(const char* json);
 
+// Where the modules are: "sim" beside the program in a build, the simulator
+// folder under the library folder once installed.
+fs::path simulatorFolder()
+{
+    const fs::path program = fs::u8path(executableDirectory());
+    std::error_code ignored;
+    if (fs::is_directory(program / "sim", ignored))
+        return program / "sim";
+    return (program / fs::u8path(KESTREL_INSTALLED_SIMULATOR)).lexically_normal();
+}
+
 } // namespace
 
 Simulation::Simulation(std::string& error)
 {
-    const fs::path root = fs::u8path(executableDirectory()) / "sim";
+    const fs::path root = simulatorFolder();
     for (const char* folder : moduleFolders) {
         std::error_code ignored;
         for (const auto& entry : fs::recursive_directory_iterator(root / folder, ignored)) {
