@@ -1,8 +1,11 @@
+#include <cstdint>
+
 #include <gtest/gtest.h>
 
 #include "common/AllocationCounter.h"
 #include "common/LogCapture.h"
 #include "libKestrel/internal/Logging.h"
+#include "pci/PciLocation.h"
 
 namespace {
 
@@ -59,6 +62,21 @@ TEST(Logging, EveryThresholdCanStopAMessageBeforeItIsBuilt)
     // Only the grave message above got through.
     ASSERT_EQ(capture.lines().size(), 1u);
     EXPECT_EQ(capture.lines()[0].priority, Priority::CRITICAL);
+
+    // Stopped by the process-wide threshold, a site's first message creates no
+    // logger, and values that cost work to show (a PCI location's text, a text
+    // asked of a driver) are never made.
+    tova::LogFactory::setPriority(Priority::CRITICAL);
+    LogSite fresh("kestrel.test.Fresh", "tests/kestrel/LoggingTest.cpp");
+    bool asked = false;
+    kestrel::test::startCountingAllocations();
+    log(fresh, Priority::WARNING, "44 ", "at ", pci::PciLocation(1, 2, 3, 0),
+        libKestrel::logging::deferred([&asked] {
+            asked = true;
+            return "a monitor name";
+        }));
+    EXPECT_EQ(kestrel::test::stopCountingAllocations(), 0);
+    EXPECT_FALSE(asked);
 }
 
 TEST(Logging, MessageReachesTheSinkAsTagTextAndValues)
@@ -69,17 +87,20 @@ TEST(Logging, MessageReachesTheSinkAsTagTextAndValues)
     log(site, Priority::TRACE, "119 ", "Dedicated memory (kb): ", shown(std::uint64_t{8388608}));
     log(site, Priority::WARNING, "269 ", "ECC enabled: ", shown(false));
     log(site, Priority::CRITICAL, "171 ", "Failed to retrieve device handle: ", "Insufficient Power");
+    log(site, Priority::INFO, "300 ", "Negative reading left out: ", shown(std::int64_t{-5000000000}), " at ",
+        pci::PciLocation(0x65, 0, 0, 0), ", named ", libKestrel::logging::deferred([] { return "Left"; }));
     EXPECT_EQ(capture.of("kestrel.test.Text"),
               (std::vector<std::string>{"2|98 Found 3 from vendor query", "1|119 Dedicated memory (kb): 8388608",
                                         "3|269 ECC enabled: false",
-                                        "4|171 Failed to retrieve device handle: Insufficient Power"}));
+                                        "4|171 Failed to retrieve device handle: Insufficient Power",
+                                        "2|300 Negative reading left out: -5000000000 at 0000:65:00.0, named Left"}));
 
     // Two sites of one name share one logger: silencing it silences both.
     LogSite twin("kestrel.test.Text", "elsewhere.cpp");
     loggerNamed("kestrel.test.Text")->priority = Priority::OFF;
     log(twin, Priority::CRITICAL, "1 ", "silenced");
     log(site, Priority::CRITICAL, "2 ", "silenced");
-    EXPECT_EQ(capture.of("kestrel.test.Text").size(), 4u);
+    EXPECT_EQ(capture.of("kestrel.test.Text").size(), 5u);
     loggerNamed("kestrel.test.Text")->priority = Priority::ALL;
 }
 
