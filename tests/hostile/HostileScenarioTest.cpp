@@ -1,0 +1,157 @@
+// Hostile machines through everything a host and a user run: the whole query,
+// both reports and the device classes. Whatever the machine: no crash, no
+// sanitizer report, no hang (the test's time limit), records only where a PCI
+// device can be, and reports that are valid JSON and UTF-8. The machine last
+// run is written to hostile-last.json in the temporary folder, to replay one
+// that fails.
+#include <bitset>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "Report.h"
+#include "Utf8.h"
+#include "common/Paths.h"
+#include "hostile/ScenarioGenerator.h"
+#include "libKestrel/AMDGPU.h"
+#include "libKestrel/NVIDIAGPU.h"
+#include "libKestrel/Query.h"
+#include "libKestrel/Sources.h"
+#include "state/SimulatorState.h"
+#include "tova/System.h"
+
+namespace {
+
+using nlohmann::json;
+using Records = std::vector<std::shared_ptr<libKestrel::IGPU>>;
+namespace fs = std::filesystem;
+
+Records noMonitorRecords(void* const&, void* const&) { return {}; }
+
+std::string environment(const char* name, const std::string& fallback)
+{
+    const std::string value = tova::System::getEnvironmentVariable(name).str();
+    return value.empty() ? fallback : value;
+}
+
+std::string fileText(const fs::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// The live questions of both device classes. Their documented failures are
+// exceptions; anything else is a fault.
+void askTheDeviceClasses()
+{
+    const libKestrel::NVIDIAGPU::NvAPIInitializer nvapi;
+    std::vector<libKestrel::NVIDIAGPU> nvidia;
+    try {
+        libKestrel::NVIDIAGPU::enumerate(nvidia);
+        for (libKestrel::NVIDIAGPU& gpu : nvidia) {
+            std::vector<float> temperatures;
+            unsigned int graphics = 0;
+            unsigned int memory = 0;
+            unsigned int major = 0;
+            unsigned int minor = 0;
+            std::vector<libKestrel::NVIDIAGPU> others;
+            gpu.currentTemperature(temperatures);
+            gpu.currentClock(graphics, memory);
+            gpu.fanSpeed();
+            gpu.supportsCuda(major, minor);
+            gpu.isInSLI(others);
+        }
+    } catch (const std::exception&) {
+    }
+    std::vector<libKestrel::AMDGPU> amd;
+    try {
+        libKestrel::AMDGPU::enumerate(amd);
+        for (libKestrel::AMDGPU& gpu : amd) {
+            std::vector<float> temperatures;
+            std::vector<int> usage;
+            std::vector<libKestrel::AMDGPU> linked;
+            gpu.currentTemperature(temperatures);
+            gpu.currentClock();
+            gpu.currentMemoryClock();
+            gpu.defaultClock();
+            gpu.currentGPUUsage(usage);
+            gpu.hasCrossFireSlaveGPU(linked);
+            gpu.isDiscrete();
+            gpu.refresh();
+        }
+    } catch (const std::exception&) {
+    }
+}
+
+void runEverything(const std::string& scenario, const std::string& origin)
+{
+    SCOPED_TRACE(origin);
+    std::ofstream(kestrel::test::temporaryPath("hostile-last.json")) << scenario;
+    kestrelSimSetScenario(scenario.c_str());
+    std::bitset<4> status;
+    Records records;
+    try {
+        records = libKestrel::queryAllGPUs({noMonitorRecords},
+                                           {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
+                                            libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti},
+                                           status);
+    } catch (const std::exception& error) {
+        ADD_FAILURE() << "the query threw: " << error.what();
+    }
+    for (const auto& gpu : records) {
+        if (const auto location = gpu->pciLocation()) {
+            EXPECT_TRUE(location->device <= 31 && location->function <= 7) << location->toString(true).str();
+        }
+    }
+    const std::string document = kestrel::jsonReport(records, status);
+    EXPECT_TRUE(json::accept(document)) << document;
+    const std::string text = kestrel::textReport(records, status);
+    EXPECT_EQ(kestrel::validUtf8(text), text);
+    askTheDeviceClasses();
+    kestrelSimSetScenario(nullptr);
+}
+
+TEST(Hostile, RandomMachines)
+{
+    const auto seed = static_cast<std::uint32_t>(std::stoul(environment("KESTREL_HOSTILE_SEED", "20261123")));
+    const int count = std::stoi(environment("KESTREL_HOSTILE_COUNT", "100"));
+    kestrel::test::ScenarioGenerator generator(seed);
+    for (int i = 0; i < count; ++i)
+        runEverything(generator.machine().dump(), "seed " + std::to_string(seed) + ", machine " + std::to_string(i));
+}
+
+TEST(Hostile, EveryFaultOnEveryEntryPoint)
+{
+    // The example workstation: two NVIDIA cards in SLI seen by every NVIDIA
+    // interface, and an AMD card of three adapters.
+    const json rich = json::parse(fileText(fs::u8path(environment("KESTREL_HOSTILE_RICH", "workstation.json"))));
+    const kestrel::test::ScenarioGenerator generator(1);
+    for (const std::string& entry : generator.entries())
+        for (const json& fault : generator.faultsFor(entry)) {
+            json machine = rich;
+            machine["faults"] = {{entry, fault}};
+            runEverything(machine.dump(), entry + " " + fault.dump());
+        }
+}
+
+TEST(Hostile, TheCorpusOfMachinesThatBrokeSomething)
+{
+    const fs::path corpus = fs::u8path(environment("KESTREL_HOSTILE_CORPUS", "corpus"));
+    size_t machines = 0;
+    for (const auto& file : fs::directory_iterator(corpus)) {
+        runEverything(fileText(file.path()), file.path().filename().u8string());
+        ++machines;
+    }
+    EXPECT_GE(machines, 6u) << "the corpus is missing";
+}
+
+} // namespace
