@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstring>
 #include <bitset>
 #include <memory>
 #include <string>
@@ -62,36 +63,23 @@ inline Records queryAMD()
     return records;
 }
 
-// The table's kept slots, the fan-speed slot last.
-inline std::vector<const void*> keptSlots()
+// The binding's entry table with the fan-speed slot left out: the release keeps
+// that slot as it was.
+inline libKestrel::adlwrapper::ADLFunctions releasedSlots()
 {
-    const libKestrel::adlwrapper::ADLFunctions& f = libKestrel::adlwrapper::adlBinding().functions;
-    return {reinterpret_cast<const void*>(f.ADL_Main_Control_Create),
-            reinterpret_cast<const void*>(f.ADL_Main_Control_Destroy),
-            reinterpret_cast<const void*>(f.ADL_Adapter_NumberOfAdapters_Get),
-            reinterpret_cast<const void*>(f.ADL_Adapter_AdapterInfo_Get),
-            reinterpret_cast<const void*>(f.ADL_Adapter_VideoBiosInfo_Get),
-            reinterpret_cast<const void*>(f.ADL_Overdrive5_Temperature_Get),
-            reinterpret_cast<const void*>(f.ADL_Overdrive6_CurrentStatus_Get),
-            reinterpret_cast<const void*>(f.ADL_Adapter_Crossfire_Get),
-            reinterpret_cast<const void*>(f.ADL_Adapter_Crossfire_Caps),
-            reinterpret_cast<const void*>(f.ADL_Adapter_MemoryInfo_Get),
-            reinterpret_cast<const void*>(f.ADL2_Main_Control_Create),
-            reinterpret_cast<const void*>(f.ADL2_Main_Control_Destroy),
-            reinterpret_cast<const void*>(f.ADL2_Adapter_NumberOfAdapters_Get),
-            reinterpret_cast<const void*>(f.ADL2_Adapter_AdapterInfo_Get),
-            reinterpret_cast<const void*>(f.ADL_Overdrive6_FanSpeed_Get)};
+    libKestrel::adlwrapper::ADLFunctions slots = libKestrel::adlwrapper::adlBinding().functions;
+    slots.ADL_Overdrive6_FanSpeed_Get = nullptr;
+    return slots;
 }
 
-// After a query, whatever its outcome: ADL unloaded, the table empty but for the
-// fan-speed slot, which the release leaves as it was.
+// After a query, whatever its outcome: ADL unloaded, every slot empty but the
+// fan-speed one.
 inline void expectReleased()
 {
     EXPECT_FALSE(libKestrel::adlwrapper::adlBinding().library.isLoaded());
-    std::vector<const void*> slots = keptSlots();
-    slots.pop_back();
-    for (const void* slot : slots)
-        EXPECT_EQ(slot, nullptr);
+    const libKestrel::adlwrapper::ADLFunctions slots = releasedSlots();
+    const libKestrel::adlwrapper::ADLFunctions empty{};
+    EXPECT_EQ(std::memcmp(&slots, &empty, sizeof empty), 0);
 }
 
 // Every main control and ADL2 context that ADL created was destroyed.

@@ -15,7 +15,7 @@ using Readings = std::vector<float>;
 // A GPU at bus 3 whose adapters speak the given Overdrive versions, with readings
 // for every version: 40 degrees through Overdrive 5, 50 through Overdrive 6, 61.5
 // through OverdriveN, 54 in the PM log; clocks of 1350/1200 MHz (engine) and
-// 1000/875 MHz (memory), 2100/1000 MHz in the PM log, and 37 % activity.
+// 1000/875 MHz (memory), 2100/1100 MHz in the PM log, and 37 % activity.
 json gpuSpeaking(const std::vector<int>& versions, int capabilities = ADL_OD8_TEMPERATURE_FAN)
 {
     json adl = json::parse(R"({
@@ -23,7 +23,7 @@ json gpuSpeaking(const std::vector<int>& versions, int capabilities = ADL_OD8_TE
         "overdrive6": {"temperature": 50000}, "overdriveN": {"temperature": 61500},
         "odClock": {"engine": {"current": 135000, "default": 120000}, "memory": {"current": 100000, "default": 87500}},
         "overdrive8": {"settings": 12, "current": 12,
-                       "pmlog": [{"sensor": 8, "value": 54}, {"sensor": 1, "value": 2100}, {"sensor": 2, "value": 1000}]}})");
+                       "pmlog": [{"sensor": 8, "value": 54}, {"sensor": 1, "value": 2100}, {"sensor": 2, "value": 1100}]}})");
     adl["overdrive8"]["capabilities"] = capabilities;
     for (int version : versions)
         adl["adapters"].push_back({{"overdrive", {{"version", version}}}});
@@ -33,19 +33,13 @@ json gpuSpeaking(const std::vector<int>& versions, int capabilities = ADL_OD8_TE
 TEST(AmdTemperature, EachOverdriveVersionReadsItsOwnInterface)
 {
     SimulatedMachine machine(scenario({gpuSpeaking({5, 6, 7, 8})}));
-    LogCapture capture;
     AMDGPU gpu(at(3)); // every adapter at the location
     Readings temperature{-1.0f};
     gpu.currentTemperature(temperature);
     EXPECT_EQ(temperature, (Readings{40.0f, 50.0f, 61.5f, 54.0f}));
-    for (const char* version : {"5", "6", "7", "8"})
-        EXPECT_TRUE(logged(capture, 1, std::string("554 The capabilities have version: ") + version));
-    EXPECT_EQ(machine.count("ADL2_OverdriveN_Temperature_Get"), 1u);
-
     int reading = 0;
     EXPECT_EQ(gpu.retrieveCurrentTemperatureOverdrive8(3, reading), 0);
     EXPECT_EQ(reading, 54000) << "millidegrees, as the older interfaces report";
-    EXPECT_EQ(capture.count("Entering ATIAdapterQuery::retrieveCurrentTemperatureOverdrive8 ("), 2u);
 }
 
 TEST(AmdTemperature, ReadingsAtOrBelowZeroAndAdaptersWithoutTheSensorAddNothing)
@@ -65,13 +59,6 @@ TEST(AmdTemperature, ReadingsAtOrBelowZeroAndAdaptersWithoutTheSensorAddNothing)
         int reading = 777;
         EXPECT_EQ(amd.retrieveCurrentTemperatureOverdrive8(2, reading), 0);
         EXPECT_EQ(reading, 777) << "a sensor the GPU does not offer leaves the reading alone";
-    }
-    {
-        // Capability bits that offer no temperature.
-        SimulatedMachine machine(scenario({gpuSpeaking({8}, ADL_OD8_GFXCLK_LIMITS | ADL_OD8_UCLK_MAX)}));
-        Readings temperature;
-        AMDGPU(at(3)).currentTemperature(temperature);
-        EXPECT_TRUE(temperature.empty());
     }
     {
         SimulatedMachine machine(scenario({gpuSpeaking({8})}, {{"ADL2_New_QueryPMLogData_Get", {{"return", -8}}}}));
@@ -99,8 +86,6 @@ TEST(AmdClocks, TheFirstAdapterThatAnswersGivesTheClockInMHz)
         EXPECT_EQ(gpu.defaultClock(), 1200u);
         EXPECT_EQ(gpu.currentMemoryClock(), 1000u);
         EXPECT_EQ(gpu.defaultMemoryClock(), 875u);
-        EXPECT_TRUE(logged(capture, 1, "588 The capabilities have version: 6"));
-        EXPECT_TRUE(logged(capture, 1, "640 The capabilities have version: 6"));
     }
     {
         SimulatedMachine machine(scenario({gpuSpeaking({6})}, {{"ADL2_Display_ODClockInfo_Get", {{"return", -1}}}}));
@@ -108,29 +93,46 @@ TEST(AmdClocks, TheFirstAdapterThatAnswersGivesTheClockInMHz)
         EXPECT_EQ(gpu.currentClock(), 0u) << "no adapter answered";
         EXPECT_EQ(gpu.defaultMemoryClock(), 0u);
     }
-    {
-        // Overdrive 8: the current clocks come from the PM log, the defaults not.
-        SimulatedMachine machine(scenario({gpuSpeaking({8}, ADL_OD8_GFXCLK_CURVE | ADL_OD8_UCLK_MAX)}));
-        LogCapture capture;
+}
+
+// Overdrive 8 GPUs read the PM log for what their capability bits offer, each
+// reading for its own bits; the rest comes from the older interfaces.
+TEST(AmdOverdrive8, EachPMLogReadingNeedsItsOwnCapabilityBit)
+{
+    const struct {
+        const char* bit;
+        int capabilities;
+        std::vector<float> temperature;
+        unsigned int clock;
+        unsigned int memoryClock;
+    } rows[] = {
+        {"system temperature", ADL_OD8_TEMPERATURE_SYSTEM, {54.0f}, 1350, 1000},
+        {"fan temperature", ADL_OD8_TEMPERATURE_FAN, {54.0f}, 1350, 1000},
+        {"power limit", ADL_OD8_POWER_LIMIT, {54.0f}, 1350, 1000},
+        {"clock limits", ADL_OD8_GFXCLK_LIMITS, {}, 2100, 1000},
+        {"clock curve", ADL_OD8_GFXCLK_CURVE, {}, 2100, 1000},
+        {"memory clock", ADL_OD8_UCLK_MAX, {}, 1350, 1100},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bit);
+        SimulatedMachine machine(scenario({gpuSpeaking({8}, row.capabilities)}));
         AMDGPU gpu(at(3));
-        EXPECT_EQ(gpu.currentClock(), 2100u);
-        EXPECT_EQ(gpu.currentMemoryClock(), 1000u);
-        EXPECT_EQ(gpu.defaultClock(), 1200u);
-        // The memory clock is traced under the GPU clock's name.
-        EXPECT_EQ(capture.count("Entering ATIAdapterQuery::retrieveCurrentClockOverdrive8 ("), 2u);
+        Readings temperature;
+        gpu.currentTemperature(temperature);
+        EXPECT_EQ(temperature, row.temperature);
+        EXPECT_EQ(gpu.currentClock(), row.clock);
+        EXPECT_EQ(gpu.currentMemoryClock(), row.memoryClock);
+        EXPECT_EQ(gpu.defaultClock(), 1200u) << "defaults never come from the PM log";
     }
-    {
-        // A PM log that fails leaves the clock that ADL's clock info gave.
-        SimulatedMachine machine(scenario({gpuSpeaking({8}, ADL_OD8_GFXCLK_LIMITS | ADL_OD8_UCLK_MAX)},
-                                          {{"ADL2_New_QueryPMLogData_Get", {{"return", -1}}}}));
-        LogCapture capture;
-        AMDGPU gpu(at(3));
-        EXPECT_EQ(gpu.currentClock(), 1350u);
-        EXPECT_EQ(gpu.currentMemoryClock(), 1000u);
-        EXPECT_TRUE(logged(capture, 1, "593 Unsuccessfull retrieving the current clock through Overdrive 8 ADL"));
-        EXPECT_TRUE(
-            logged(capture, 1, "645 Unsuccessfull retrieving the current memory clock through Overdrive 8 ADL"));
-    }
+    // A PM log that fails leaves the clock that ADL's clock info gave.
+    SimulatedMachine machine(scenario({gpuSpeaking({8}, ADL_OD8_GFXCLK_LIMITS | ADL_OD8_UCLK_MAX)},
+                                      {{"ADL2_New_QueryPMLogData_Get", {{"return", -1}}}}));
+    LogCapture capture;
+    AMDGPU gpu(at(3));
+    EXPECT_EQ(gpu.currentClock(), 1350u);
+    EXPECT_EQ(gpu.currentMemoryClock(), 1000u);
+    EXPECT_TRUE(logged(capture, 1, "593 Unsuccessfull retrieving the current clock through Overdrive 8 ADL"));
+    EXPECT_TRUE(logged(capture, 1, "645 Unsuccessfull retrieving the current memory clock through Overdrive 8 ADL"));
 }
 
 TEST(AmdUsage, UsageAppendsOneReadingPerActiveAdapterAndRefreshReachesTheDriver)

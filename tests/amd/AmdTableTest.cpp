@@ -1,9 +1,7 @@
-// The ADL call tables: which kind instantiateADL hands out, what each row calls,
-// the once-only start of ADL, and the memory callback.
-#include <climits>
-#include <cstdlib>
-#include <cstring>
+// The ADL call tables: which kind instantiateADL hands out, the context each
+// owns, and the once-only start of ADL.
 #include <memory>
+#include <tuple>
 
 #include "amd/AmdTesting.h"
 #include "libKestrel/internal/windows/ADL.h"
@@ -39,46 +37,13 @@ TEST(AmdTables, AnAdl2TableCallsTheAdl2EntriesOnAContextOfItsOwn)
         EXPECT_EQ(machine.count("ADL threading model locked"), 1u);
         EXPECT_EQ(openContexts(machine), 1);
 
-        int count = 0;
-        EXPECT_EQ(table->Adapter_NumberOfAdapters_Get(&count), ADL_OK);
-        EXPECT_EQ(count, 1);
-        int types = 0;
-        int valids = 0;
-        EXPECT_EQ(table->Adapter_ASICFamilyType_Get(0, &types, &valids), ADL_OK);
-        EXPECT_EQ(types, 33);
-        EXPECT_EQ(valids, 1);
+        // ADL's answers and statuses come back as they are.
         int supported = -1;
         int enabled = -1;
         int version = -1;
         EXPECT_EQ(table->Overdrive_Caps(0, &supported, &enabled, &version), ADL_OK);
-        EXPECT_EQ(supported, 1);
-        EXPECT_EQ(enabled, 0);
-        EXPECT_EQ(version, 7);
-        int temperature = 0;
-        EXPECT_EQ(table->OverdriveN_Temperature_Get(0, 1, &temperature), ADL_OK);
-        EXPECT_EQ(temperature, 61500);
-        EXPECT_EQ(table->Overdrive6_Temperature_Get(0, &temperature), ADL_OK);
-        EXPECT_EQ(temperature, 48000);
-        ADLAdapterODClockInfo clocks{};
-        EXPECT_EQ(table->Display_ODClockInfo_Get(0, &clocks), ADL_OK);
-        EXPECT_EQ(clocks.sEngineClock.iCurrentClock, 135000);
-        EXPECT_EQ(clocks.sEngineClock.iDefaultClock, 120000);
-        int id = 0;
-        EXPECT_EQ(table->Adapter_ID_Get(0, &id), ADL_OK);
-        EXPECT_EQ(id, 77);
-        int displays = 0;
-        EXPECT_EQ(table->Display_NumberOfDisplays_Get(0, &displays), ADL_OK);
-        EXPECT_EQ(displays, 1);
-        EXPECT_EQ(table->Main_Control_Refresh(), ADL_OK);
-        // ADL's own statuses come back as they are.
+        EXPECT_EQ(std::make_tuple(supported, enabled, version), std::make_tuple(1, 0, 7));
         EXPECT_EQ(table->Overdrive_Caps(9, &supported, &enabled, &version), ADL_ERR_INVALID_ADL_IDX);
-
-        // The Overdrive 8 rows.
-        ADLOD8InitSetting init{};
-        init.count = OD8_COUNT;
-        EXPECT_EQ(adl2->Overdrive8_Init_Setting_Get(0, &init), ADL_OK);
-        EXPECT_EQ(init.count, 10);
-        EXPECT_EQ(init.overdrive8Capabilities, ADL_OD8_UCLK_MAX);
         ADLOD8SetSetting set{};
         set.count = OD8_COUNT;
         set.od8SettingTable[OD8_UCLK_FMAX] = {950, 1, 0};
@@ -86,18 +51,12 @@ TEST(AmdTables, AnAdl2TableCallsTheAdl2EntriesOnAContextOfItsOwn)
         EXPECT_EQ(adl2->Overdrive8_Setting_Set(0, &set, &current), ADL_OK);
         EXPECT_EQ(current.Od8SettingTable[OD8_UCLK_FMAX], 950);
         EXPECT_EQ(machine.count("ADL2 OD8 setting 8 set to 950"), 1u);
-        ADLPMLogDataOutput pmLog{};
-        EXPECT_EQ(adl2->New_QueryPMLogData_Get(0, &pmLog), ADL_OK);
-        EXPECT_EQ(pmLog.sensors[PMLOG_CLK_MEMCLK].value, 1000);
-
         // The simulated driver has no ADL2_Display_DisplayInfo_Get.
+        int displays = 0;
         EXPECT_EQ(thrownBy([&] { table->Display_DisplayInfo_Get(0, &displays, nullptr, 0); }),
                   "ADL2_Display_DisplayInfo_Get not in the driver");
     }
     EXPECT_EQ(openContexts(machine), 0) << "the table ends its context";
-    for (const char* entry : {"ADL2_Adapter_ASICFamilyType_Get", "ADL2_Adapter_ID_Get", "ADL2_Main_Control_Refresh",
-                              "ADL2_Display_NumberOfDisplays_Get", "ADL2_Overdrive8_Init_Setting_Get"})
-        EXPECT_EQ(machine.count(entry), 1u) << entry;
     EXPECT_EQ(machine.count("ADL2_Overdrive_Caps"), 2u);
     EXPECT_EQ(machine.count("ADL_Overdrive_Caps"), 0u);
 }
@@ -123,24 +82,6 @@ TEST(AmdTables, WhenAdl2CannotMakeAContextTheClassicTableServes)
     EXPECT_EQ(libKestrel::instantiateADL2(), nullptr);
     EXPECT_TRUE(logged(capture, 1, "46 Unable to create ADL2 object"));
     EXPECT_EQ(openContexts(machine), 0);
-}
-
-TEST(AmdTables, TheMemoryCallbackGivesBlocksThatFreeReleases)
-{
-    EXPECT_EQ(libKestrel::adlMemoryAlloc(0), nullptr);
-    EXPECT_EQ(libKestrel::adlMemoryAlloc(-1), nullptr);
-    EXPECT_EQ(libKestrel::adlMemoryAlloc(INT_MIN), nullptr);
-
-    void* block = libKestrel::adlMemoryAlloc(100);
-    ASSERT_NE(block, nullptr);
-    std::memset(block, 0x5A, 100); // every byte asked for is there (the sanitizer build checks)
-    const auto* settings = static_cast<const ADLOD8SingleInitSetting*>(block);
-    // A list is read as far as its block goes, whatever count comes with it.
-    EXPECT_EQ(libKestrel::readableEntries(3, settings), 3u);
-    EXPECT_EQ(libKestrel::readableEntries(1000, settings), 6u);
-    EXPECT_EQ(libKestrel::readableEntries(-4, settings), 0u);
-    EXPECT_EQ(libKestrel::readableEntries<ADLOD8SingleInitSetting>(5, nullptr), 0u);
-    std::free(block);
 }
 
 // Its own process: the classic interface starts once per process.

@@ -47,11 +47,11 @@ const std::vector<Row> rows = {
     ROW(busType, setBusType, Text("PCI Express"), Text("AGP"), Text("PCI Express")),
     ROW(uuid, setUUID, Text("GPU-1"), std::nullopt, Text("GPU-1")),
     // Flags: both must agree on true.
-    ROW(hardwareAcceleration, setHardwareAcceleration, Flag(true), Flag(true), Flag(true)),
+    ROW(hardwareAcceleration, setHardwareAcceleration, Flag(true), Flag(false), Flag(false)),
     ROW(sli, setSLI, Flag(true), Flag(false), Flag(false)),
     ROW(crossfire, setCrossfire, Flag(false), Flag(true), Flag(false)),
     ROW(eccSupported, setECCSupported, Flag(true), std::nullopt, Flag(true)),
-    ROW(eccEnabled, setECCEnabled, std::nullopt, Flag(false), Flag(false)),
+    ROW(eccEnabled, setECCEnabled, Flag(false), Flag(true), Flag(false)),
     // Sizes and counts: the smaller.
     ROW(coreCount, setCoreCount, U32(8704), U32(4352), U32(4352)),
     ROW(totalMemory, setTotalMemory, U64(16), U64(32), U64(16)),
@@ -117,6 +117,7 @@ TEST(Merge, RulesHandleTiesAndEmptySides)
     EXPECT_EQ(libKestrel::mergeNames(std::nullopt, std::nullopt), std::nullopt);
     EXPECT_EQ(libKestrel::mergeSLI(Flag(true), std::nullopt), Flag(true));
     EXPECT_EQ(libKestrel::mergeSLI(std::nullopt, Flag(false)), Flag(false));
+    EXPECT_EQ(libKestrel::mergeSLI(Flag(true), Flag(true)), Flag(true));
     EXPECT_EQ(libKestrel::mergeMemory(std::nullopt, U64(3)), U64(3));
     EXPECT_EQ(libKestrel::mergeNativeMonitorHandle(std::nullopt, Handle(&monitorB)), Handle(&monitorB));
     EXPECT_EQ(libKestrel::mergeNativeMonitorHandle(Handle(nullptr), Handle(&monitorB)), Handle(nullptr));
