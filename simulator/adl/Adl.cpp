@@ -275,7 +275,7 @@ int asicFamily(const Caller& caller, int adapterIndex, int* types, int* valids)
     return ADL_OK;
 }
 
-int overdriveCaps(const Caller& caller, int adapterIndex, int* supported, int* enabled, int* version)
+[[maybe_unused]] int overdriveCaps(const Caller& caller, int adapterIndex, int* supported, int* enabled, int* version)
 {
     const Call call = begin(caller, adapterIndex);
     if (call.early)
@@ -371,7 +371,7 @@ int currentActivity(const Caller& caller, int adapterIndex, ADLPMActivity* activ
     return answer(caller, adapterIndex, activity, &Gpu::activity);
 }
 
-int odClockInfo(const Caller& caller, int adapterIndex, ADLAdapterODClockInfo* info)
+[[maybe_unused]] int odClockInfo(const Caller& caller, int adapterIndex, ADLAdapterODClockInfo* info)
 {
     return answer(caller, adapterIndex, info, &Gpu::odClock);
 }
@@ -713,12 +713,16 @@ SIM_BOTH_FORMS(Overdrive6_Temperature_Get, overdrive6Temperature, (int adapterIn
                (adapterIndex, temperature))
 SIM_BOTH_FORMS(OverdriveN_Temperature_Get, overdriveNTemperature,
                (int adapterIndex, int type, int* temperature), (adapterIndex, type, temperature))
+#if !defined(SIM_OMIT_Overdrive_Caps)
 SIM_BOTH_FORMS(Overdrive_Caps, overdriveCaps, (int adapterIndex, int* supported, int* enabled, int* version),
                (adapterIndex, supported, enabled, version))
+#endif
 SIM_BOTH_FORMS(Overdrive5_CurrentActivity_Get, currentActivity, (int adapterIndex, ADLPMActivity* activity),
                (adapterIndex, activity))
+#if !defined(SIM_OMIT_Display_ODClockInfo_Get)
 SIM_BOTH_FORMS(Display_ODClockInfo_Get, odClockInfo, (int adapterIndex, ADLAdapterODClockInfo* info),
                (adapterIndex, info))
+#endif
 SIM_BOTH_FORMS(Display_NumberOfDisplays_Get, numberOfDisplays, (int adapterIndex, int* displays),
                (adapterIndex, displays))
 

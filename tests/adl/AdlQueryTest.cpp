@@ -76,6 +76,15 @@ TEST_F(AmdSource, ThreeAdaptersGiveThreeFullRecordsThenOneBareRecordPerPresentAd
     expectReleased();
 }
 
+// Both passes ask ADL for connected adapters only.
+TEST_F(AmdSource, AnAdapterThatIsNotConnectedIsNotListed)
+{
+    const auto run = kestrel::test::runSource(libKestrel::queryAMDGPUsMulti,
+                                              oneAdapter({{"adapters", {json::object(), {{"connected", false}}}}}).dump(),
+                                              Priority::WARNING);
+    EXPECT_EQ(kestrel::test::describe(run.records), (Lines{fullRadeon, "0000:03:00.0"}));
+}
+
 TEST_F(AmdSource, TheAdaptersOfOneCardMergeIntoOneRecord)
 {
     SimulatedMachine machine(radeon().dump());

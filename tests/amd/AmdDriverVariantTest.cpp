@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "amd/AmdTesting.h"
+#include "tova/System.h"
 
 namespace {
 
@@ -128,6 +129,21 @@ TEST(AmdWithoutSettingSetAndRefresh, MissingAdl2EntriesThrowTheirNames)
     AMDGPU onClassic(at(3));
     onClassic.refresh();
     EXPECT_EQ(classic.count("ADL_Main_Control_Refresh"), 1u);
+}
+
+// Run without either form of Display_ODClockInfo_Get (no clock can be read), and
+// without either form of Overdrive_Caps (the current clocks, which depend on the
+// Overdrive version, cannot be read).
+TEST(AmdWithoutClockEntry, TheClocksThatNeedTheEntryAreZero)
+{
+    const bool withoutClockInfo = tova::System::getEnvironmentVariable("KESTREL_TEST_ADL_WITHOUT").str() == "clock_info";
+    SimulatedMachine machine(scenario({gpuAt(3, json::parse(R"({"overdrive": {"version": 6},
+        "odClock": {"engine": {"current": 135000, "default": 120000}, "memory": {"current": 100000, "default": 87500}}})"))}));
+    AMDGPU gpu(at(3));
+    EXPECT_EQ(gpu.currentClock(), 0u);
+    EXPECT_EQ(gpu.currentMemoryClock(), 0u);
+    EXPECT_EQ(gpu.defaultClock(), withoutClockInfo ? 0u : 1200u);
+    EXPECT_EQ(gpu.defaultMemoryClock(), withoutClockInfo ? 0u : 875u);
 }
 
 } // namespace

@@ -70,6 +70,7 @@ TEST(AmdEnumeration, OnlyExistingAMDAdaptersAwayFromTheZeroLocationCount)
         adapter(6, "", {{"exist", 0}, {"present", 0}}),
         adapter(0, ""),
         adapter(7, "", {{"exist", 1}, {"present", 0}}),
+        adapter(8, "", {{"connected", false}}), // listed only to clients that ask for every adapter
     }));
     std::vector<pci::PciLocation> found;
     for (const AMDGPU& gpu : enumerated())
