@@ -5,6 +5,7 @@
 // run is written to hostile-last.json in the temporary folder, to replay one
 // that fails.
 #include <bitset>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -92,10 +93,22 @@ void askTheDeviceClasses()
     }
 }
 
+const std::string lastMachine = kestrel::test::temporaryPath("hostile-last.json");
+
+// The machine last run stays behind only when something failed.
+class Hostile : public testing::Test {
+protected:
+    void TearDown() override
+    {
+        if (!HasFailure())
+            std::remove(lastMachine.c_str());
+    }
+};
+
 void runEverything(const std::string& scenario, const std::string& origin)
 {
     SCOPED_TRACE(origin);
-    std::ofstream(kestrel::test::temporaryPath("hostile-last.json")) << scenario;
+    std::ofstream(lastMachine) << scenario;
     kestrelSimSetScenario(scenario.c_str());
     std::bitset<4> status;
     Records records;
@@ -120,7 +133,7 @@ void runEverything(const std::string& scenario, const std::string& origin)
     kestrelSimSetScenario(nullptr);
 }
 
-TEST(Hostile, RandomMachines)
+TEST_F(Hostile, RandomMachines)
 {
     const auto seed = static_cast<std::uint32_t>(std::stoul(environment("KESTREL_HOSTILE_SEED", "20261123")));
     const int count = std::stoi(environment("KESTREL_HOSTILE_COUNT", "100"));
@@ -129,7 +142,7 @@ TEST(Hostile, RandomMachines)
         runEverything(generator.machine().dump(), "seed " + std::to_string(seed) + ", machine " + std::to_string(i));
 }
 
-TEST(Hostile, EveryFaultOnEveryEntryPoint)
+TEST_F(Hostile, EveryFaultOnEveryEntryPoint)
 {
     // The example workstation: two NVIDIA cards in SLI seen by every NVIDIA
     // interface, and an AMD card of three adapters.
@@ -143,7 +156,7 @@ TEST(Hostile, EveryFaultOnEveryEntryPoint)
         }
 }
 
-TEST(Hostile, TheCorpusOfMachinesThatBrokeSomething)
+TEST_F(Hostile, TheCorpusOfMachinesThatBrokeSomething)
 {
     const fs::path corpus = fs::u8path(environment("KESTREL_HOSTILE_CORPUS", "corpus"));
     size_t machines = 0;
