@@ -36,4 +36,14 @@ LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaCudaGPUsMulti(std::
 // present. The status set is left as it is.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryAMDGPUsMulti(std::bitset<4>& status);
 
+#if !defined(_WIN32)
+// Every display controller (PCI class 0x03) the Linux kernel lists, enumerated
+// through libpci (loaded at run time) under the directory that KESTREL_SYSFS_ROOT
+// names (default /sys): its name from the PCI ID database, bus type, whether a
+// driver is bound, amdgpu's memory, utilisation, VBIOS and unique id, and the
+// hwmon temperatures, fan and clocks most drivers register. The domain is left
+// out, as the NVIDIA sources leave it out. 'status' is left alone.
+LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>& status);
+#endif
+
 } // namespace libKestrel

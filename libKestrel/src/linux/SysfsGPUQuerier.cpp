@@ -1,0 +1,164 @@
+// GPUs on Linux as the kernel publishes them: every display controller libpci
+// finds under sysfs, with what its driver's files say (amdgpu's own files, and the
+// hwmon sensors most drivers register).
+#include <cinttypes>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include "libKestrel/GPU.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/internal/Location.h"
+#include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/linux/pciwrapper.h"
+#include "tova/System.h"
+
+namespace libKestrel {
+namespace {
+
+using logging::log;
+using logging::Priority;
+namespace fs = std::filesystem;
+
+logging::LogSite site("libKestrel.Sysfs", "libKestrel/src/linux/SysfsGPUQuerier.cpp");
+
+// Every value the kernel writes in these files is a short line.
+constexpr std::streamsize mostBytes = 256;
+
+// The text of one sysfs file, without its line end. Nothing when the file is
+// not there (a driver that does not offer it: logged as a trace) or cannot be
+// read, or is empty (logged as warnings).
+std::optional<std::string> readText(const fs::path& file)
+{
+    std::error_code error;
+    if (!fs::exists(file, error)) {
+        log(site, Priority::TRACE, "38 ", "Not offered: ", logging::deferred([&file] { return file.u8string(); }));
+        return std::nullopt;
+    }
+    std::ifstream in(file, std::ios::binary);
+    std::string text(static_cast<std::size_t>(mostBytes), '\0');
+    in.read(text.data(), mostBytes);
+    if (in.bad() || (!in && !in.eof())) {
+        log(site, Priority::WARNING, "45 ", "Cannot read ", file.u8string());
+        return std::nullopt;
+    }
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+        text.pop_back();
+    if (text.empty()) {
+        log(site, Priority::WARNING, "52 ", "Empty file: ", file.u8string());
+        return std::nullopt;
+    }
+    return text;
+}
+
+// A file holding one non-negative decimal number.
+std::optional<std::uint64_t> readNumber(const fs::path& file)
+{
+    const auto text = readText(file);
+    if (!text)
+        return std::nullopt;
+    std::uint64_t value = 0;
+    int consumed = 0;
+    if (text->find_first_not_of("0123456789") != std::string::npos ||
+        std::sscanf(text->c_str(), "%" SCNu64 "%n", &value, &consumed) != 1 ||
+        static_cast<std::size_t>(consumed) != text->size()) {
+        log(site, Priority::WARNING, "66 ", "Not a number in ", file.u8string(), ": ", *text);
+        return std::nullopt;
+    }
+    return value;
+}
+
+template <class T>
+std::optional<T> scaled(const std::optional<std::uint64_t>& value, std::uint64_t per)
+{
+    if (!value)
+        return std::nullopt;
+    return static_cast<T>(*value / per);
+}
+
+// The device's first hwmon folder, if its driver registered one.
+std::optional<fs::path> hwmonFolder(const fs::path& device)
+{
+    std::error_code error;
+    std::optional<fs::path> first;
+    for (const auto& entry : fs::directory_iterator(device / "hwmon", error))
+        if (entry.path().filename().u8string().rfind("hwmon", 0) == 0 && (!first || entry.path() < *first))
+            first = entry.path();
+    return first;
+}
+
+void readHwmon(GPU& gpu, const fs::path& hwmon)
+{
+    gpu.setTemperatureCurrent(scaled<std::uint64_t>(readNumber(hwmon / "temp1_input"), 1000));
+    gpu.setTemperatureShutdown(scaled<std::uint64_t>(readNumber(hwmon / "temp1_crit"), 1000));
+    gpu.setFanSpeedRPM(scaled<std::uint32_t>(readNumber(hwmon / "fan1_input"), 1));
+    const auto pwm = readNumber(hwmon / "pwm1");
+    const auto pwmMax = pwm ? readNumber(hwmon / "pwm1_max") : std::nullopt;
+    if (pwm && pwmMax && *pwmMax > 0)
+        gpu.setFanSpeedPercent(static_cast<std::uint32_t>(*pwm * 100 / *pwmMax));
+    gpu.setGraphicsClock(scaled<std::uint32_t>(readNumber(hwmon / "freq1_input"), 1000));
+    gpu.setMemoryClock(scaled<std::uint32_t>(readNumber(hwmon / "freq2_input"), 1000));
+}
+
+// amdgpu's own files: memory in bytes, busy percentages, the VBIOS and the
+// GPU's unique id.
+void readAmdgpu(GPU& gpu, const fs::path& device)
+{
+    const auto total = readNumber(device / "mem_info_vram_total");
+    gpu.setDedicatedMemory(scaled<std::uint64_t>(total, 1024));
+    if (const auto used = total ? readNumber(device / "mem_info_vram_used") : std::nullopt; used && *used <= *total)
+        gpu.setAvailableDedicatedMemory((*total - *used) / 1024);
+    gpu.setUtilizationGPU(scaled<std::uint32_t>(readNumber(device / "gpu_busy_percent"), 1));
+    gpu.setUtilizationMemory(scaled<std::uint32_t>(readNumber(device / "mem_busy_percent"), 1));
+    gpu.setVBIOSVersion(readText(device / "vbios_version"));
+    gpu.setUUID(readText(device / "unique_id"));
+}
+
+std::string hex4(unsigned int value)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "%04x", value & 0xFFFFu);
+    return text;
+}
+
+} // namespace
+
+std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>&)
+{
+    auto trace = site.trace("querySysfsGPUs", 140);
+    const std::string configured = tova::System::getEnvironmentVariable("KESTREL_SYSFS_ROOT").str();
+    const std::string root = configured.empty() ? "/sys" : configured;
+    std::vector<std::shared_ptr<IGPU>> records;
+    for (const pci_library::PciDevice& controller : pci_library::displayControllers(root)) {
+        // The domain is left out, as the NVIDIA sources leave it out.
+        const auto location = pciLocationOf(controller.bus, controller.device, controller.function);
+        if (!location)
+            continue; // libpci parses only addresses that exist
+        char address[32];
+        std::snprintf(address, sizeof address, "%04x:%02x:%02x.%d", static_cast<unsigned int>(controller.domain),
+                      controller.bus, controller.device, controller.function);
+        const fs::path device = fs::u8path(root) / "bus/pci/devices" / address;
+        log(site, Priority::TRACE, "151 ", "Display controller at ", address);
+
+        auto gpu = std::make_shared<GPU>(*location);
+        gpu->setName(controller.name ? *controller.name
+                                     : "PCI device " + hex4(controller.vendorId) + ":" + hex4(controller.deviceId));
+        std::error_code error;
+        if (fs::exists(device / "current_link_speed", error))
+            gpu->setBusType(std::string("PCI Express"));
+        const fs::path driverLink = device / "driver";
+        const bool bound = fs::is_symlink(driverLink, error) || fs::is_directory(driverLink, error);
+        gpu->setHardwareAcceleration(bound);
+        if (bound && fs::read_symlink(driverLink, error).filename() == "amdgpu")
+            readAmdgpu(*gpu, device);
+        if (const auto hwmon = hwmonFolder(device))
+            readHwmon(*gpu, *hwmon);
+        records.push_back(gpu);
+    }
+    return records;
+}
+
+} // namespace libKestrel

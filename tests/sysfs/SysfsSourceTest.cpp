@@ -1,0 +1,201 @@
+// The sysfs source against trees written here: what each kind of card gives,
+// each conversion, and what bad files and trees cost.
+#include <bitset>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/LogCapture.h"
+#include "common/Modules.h"
+#include "common/Paths.h"
+#include "common/Simulator.h"
+#include "common/Sources.h"
+#include "libKestrel/Query.h"
+#include "libKestrel/Sources.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kestrel::test::describe;
+using kestrel::test::LogCapture;
+using kestrel::test::LogLine;
+using Files = std::map<std::string, std::string>;
+using Lines = std::vector<std::string>;
+
+const char* const sysfs = "libKestrel.Sysfs";
+
+// A sysfs tree in a temporary folder, which KESTREL_SYSFS_ROOT names while it lives.
+class SysfsTree {
+public:
+    SysfsTree() : root_(fs::u8path(kestrel::test::temporaryPath("sysfs")))
+    {
+        fs::remove_all(root_);
+        fs::create_directories(root_ / "bus/pci/devices");
+        setenv("KESTREL_SYSFS_ROOT", root_.u8string().c_str(), 1);
+    }
+    ~SysfsTree()
+    {
+        unsetenv("KESTREL_SYSFS_ROOT");
+        fs::remove_all(root_);
+    }
+
+    // A PCI device at 'address' with its identity, a driver bound when 'driver'
+    // is not empty, and further files (paths below the device's folder).
+    fs::path device(const std::string& address, const char* vendor, const char* id, const char* pciClass,
+                    const std::string& driver = "", const Files& files = {})
+    {
+        const fs::path folder = root_ / "bus/pci/devices" / address;
+        write(folder / "vendor", vendor);
+        write(folder / "device", id);
+        write(folder / "class", pciClass);
+        if (!driver.empty()) {
+            fs::create_directories(root_ / "bus/pci/drivers" / driver);
+            fs::create_directory_symlink(root_ / "bus/pci/drivers" / driver, folder / "driver");
+        }
+        for (const auto& [path, text] : files)
+            write(folder / path, text);
+        return folder;
+    }
+
+    static void write(const fs::path& file, const std::string& text)
+    {
+        fs::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << text;
+    }
+
+    const fs::path& root() const { return root_; }
+
+private:
+    fs::path root_;
+};
+
+std::vector<std::shared_ptr<libKestrel::IGPU>> querySysfs()
+{
+    std::bitset<4> status("0101");
+    auto records = libKestrel::querySysfsGPUs(status);
+    EXPECT_EQ(status, std::bitset<4>("0101"));
+    return records;
+}
+
+const Files amdgpuFiles = {{"current_link_speed", "16.0 GT/s PCIe\n"},
+                           {"mem_info_vram_total", "17163091968\n"},
+                           {"mem_info_vram_used", "1073741824\n"},
+                           {"gpu_busy_percent", "37\n"},
+                           {"mem_busy_percent", "12\n"},
+                           {"vbios_version", "113-D4120100-101\n"},
+                           {"unique_id", "3b1f2e4c5d6a7b80\n"},
+                           {"hwmon/hwmon3/temp1_input", "54000\n"},
+                           {"hwmon/hwmon3/temp1_crit", "100000\n"},
+                           {"hwmon/hwmon3/fan1_input", "1650\n"},
+                           {"hwmon/hwmon3/pwm1", "102\n"},
+                           {"hwmon/hwmon3/pwm1_max", "255\n"},
+                           {"hwmon/hwmon3/freq1_input", "2250000000\n"},
+                           {"hwmon/hwmon3/freq2_input", "1000000000\n"}};
+
+TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
+{
+    SysfsTree tree;
+    tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "amdgpu", amdgpuFiles);
+    tree.device("0000:00:02.0", "0x8086", "0x9a49", "0x030000", "i915"); // no sensors
+    tree.device("0000:65:00.0", "0x10de", "0x2204", "0x030000", "nvidia",
+                {{"current_link_speed", "8.0 GT/s PCIe\n"}, {"hwmon/hwmon1/temp1_input", "47500\n"}});
+    tree.device("0000:04:00.0", "0x8086", "0x15f3", "0x020000", "igc"); // a network controller
+    tree.device("0001:07:00.0", "0x1234", "0xabcd", "0x038000");          // unknown to the database, no driver
+    LogCapture capture(tova::LoggerPriority::WARNING);
+    EXPECT_EQ(describe(querySysfs()),
+              (Lines{"0000:00:02.0 name=Intel Corporation TigerLake-LP GT2 [Iris Xe Graphics] hardwareAcceleration=true",
+                     "0000:03:00.0 name=Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 [Radeon RX 6800/6800 XT / 6900 XT] "
+                     "hardwareAcceleration=true vbiosVersion=113-D4120100-101 dedicatedMemory=16760832 "
+                     "availableDedicatedMemory=15712256 graphicsClock=2250000 memoryClock=1000000 busType=PCI Express "
+                     "utilizationGPU=37 utilizationMemory=12 temperatureCurrent=54 temperatureShutdown=100 "
+                     "uuid=3b1f2e4c5d6a7b80 fanSpeedPercent=40 fanSpeedRPM=1650",
+                     "0000:65:00.0 name=NVIDIA Corporation GA102 [GeForce RTX 3090] hardwareAcceleration=true "
+                     "busType=PCI Express temperatureCurrent=47",
+                     "0000:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
+    EXPECT_TRUE(capture.lines().empty()) << "missing files are what a driver does not offer";
+}
+
+TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
+{
+    const struct {
+        const char* content; // of temp1_input; null: a folder in its place
+        const char* line;    // the warning, after the file's path
+    } rows[] = {{"garbage\n", "66 Not a number in {}: garbage"},
+                {"", "52 Empty file: {}"},
+                {"\n", "52 Empty file: {}"},
+                {"-5000\n", "66 Not a number in {}: -5000"},
+                {"12 34\n", "66 Not a number in {}: 12 34"},
+                {nullptr, "45 Cannot read {}"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        SysfsTree tree;
+        const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "radeon",
+                                            {{"hwmon/hwmon0/fan1_input", "900\n"}});
+        const fs::path file = device / "hwmon/hwmon0/temp1_input";
+        if (row.content)
+            SysfsTree::write(file, row.content);
+        else
+            fs::create_directories(file);
+        LogCapture capture(tova::LoggerPriority::WARNING);
+        const auto records = querySysfs();
+        EXPECT_EQ(records.size(), 1u);
+        for (const auto& gpu : records) {
+            EXPECT_FALSE(gpu->temperatureCurrent());
+            EXPECT_EQ(gpu->fanSpeedRPM(), 900u) << "the other readings are kept";
+        }
+        std::string line = row.line;
+        line.replace(line.find("{}"), 2, file.u8string());
+        EXPECT_EQ(capture.of(sysfs), Lines{"3|" + line});
+    }
+}
+
+TEST(Sysfs, ATreeLibpciCannotReadGivesNoRecordsAndSaysWhich)
+{
+    {
+        SysfsTree tree;
+        tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
+        fs::create_directories(tree.root() / "bus/pci/devices/junk");
+        LogCapture capture(tova::LoggerPriority::WARNING);
+        EXPECT_TRUE(querySysfs().empty());
+        EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: junk"});
+    }
+    {
+        SysfsTree tree;
+        const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
+        fs::remove(device / "class");
+        LogCapture capture(tova::LoggerPriority::WARNING);
+        EXPECT_TRUE(querySysfs().empty());
+        EXPECT_EQ(capture.of("libKestrel.PCI"),
+                  Lines{"3|135 Cannot enumerate the PCI devices, unreadable: 0000:03:00.0/class"});
+    }
+    SysfsTree tree;
+    fs::remove_all(tree.root() / "bus");
+    LogCapture capture(tova::LoggerPriority::WARNING);
+    EXPECT_TRUE(querySysfs().empty());
+    EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: " +
+                                                  (tree.root() / "bus/pci/devices").u8string()});
+}
+
+// The kernel's and NVML's records of one NVIDIA card meet at its location.
+TEST(Sysfs, TheRecordOfAnNvidiaCardMergesWithNvmls)
+{
+    const kestrel::test::SimulatedModules nvml{"sim_nvml"};
+    kestrel::test::SimulatedMachine machine(
+        R"({"gpus": [{"name": "NVIDIA GeForce RTX 3090", "pci": {"bus": 101}, "nvml": {"temperature": 48}}]})");
+    SysfsTree tree;
+    tree.device("0000:65:00.0", "0x10de", "0x2204", "0x030000", "nvidia", {{"current_link_speed", "8.0 GT/s PCIe\n"}});
+    std::bitset<4> status;
+    const auto merged =
+        libKestrel::queryAllGPUs({}, {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::querySysfsGPUs}, status);
+    ASSERT_EQ(merged.size(), 1u);
+    EXPECT_EQ(merged[0]->name(), "NVIDIA Corporation GA102 [GeForce RTX 3090]") << "the longer name";
+    EXPECT_EQ(merged[0]->temperatureCurrent(), 48u);
+    EXPECT_EQ(merged[0]->busType(), "PCI Express");
+}
+
+} // namespace
