@@ -143,6 +143,13 @@ std::string text(const nlohmann::json& object, const char* key, const std::strin
 // the modules understand it, else the reason.
 SIM_EXPORT const char* kestrelSimulatorCheckScenario(const char* json) { return kestrelSimCheckScenario(json); }
 
+// Lets a program holding a module write the scenario's sysfs tree (see
+// kestrelSimWriteSysfs), for the Linux sysfs source to read.
+SIM_EXPORT int kestrelSimulatorWriteSysfs(const char* scenario, const char* folder)
+{
+    return kestrelSimWriteSysfs(scenario, folder);
+}
+
 // Lets a host or a test choose the scenario through any simulated module it holds.
 SIM_EXPORT void kestrelSimulatorSetScenario(const char* json)
 {

@@ -41,3 +41,10 @@ SIM_STATE_API const char* kestrelSimCheckScenario(const char* json);
 
 // 1 when a simulated module has an entry point of this name, else 0.
 SIM_STATE_API int kestrelSimKnowsEntry(const char* entry);
+
+// Writes into 'folder' (emptied first) the sysfs tree of the scenario (JSON
+// text): for each GPU with a "sysfs" section, its PCI device's folder under
+// bus/pci/devices with the identity files, the driver link, the section's files
+// and its hwmon folder. 1 when written, 0 for a scenario the modules would
+// refuse or a folder that cannot be written.
+SIM_STATE_API int kestrelSimWriteSysfs(const char* scenario, const char* folder);

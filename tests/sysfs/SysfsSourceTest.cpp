@@ -130,6 +130,7 @@ TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
                 {"\n", "52 Empty file: {}"},
                 {"-5000\n", "66 Not a number in {}: -5000"},
                 {"12 34\n", "66 Not a number in {}: 12 34"},
+                {"18446744073709551616\n", "66 Not a number in {}: 18446744073709551616"},
                 {nullptr, "45 Cannot read {}"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.line);

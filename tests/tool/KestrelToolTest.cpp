@@ -54,6 +54,10 @@ bool hasLine(const std::string& text, const std::string& line)
     return false;
 }
 
+#if !defined(_WIN32)
+const char* const amdKernelName = "Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 GL-XL [Radeon PRO W6800]";
+#endif
+
 // Two NVIDIA cards in SLI seen by NVML, NVAPI and CUDA, and one AMD card with
 // three ADL adapters: three merged records.
 TEST(KestrelTool, JsonHoldsEveryPropertyOfTheWorkstationsMergedGPUs)
@@ -92,7 +96,14 @@ TEST(KestrelTool, JsonHoldsEveryPropertyOfTheWorkstationsMergedGPUs)
 
     const json& amd = gpus[2];
     EXPECT_EQ(amd["pciLocation"], "0000:0a:00.0");
+#if defined(_WIN32)
     EXPECT_EQ(amd["name"], "AMD Radeon Pro W6800");
+    EXPECT_EQ(amd["temperatureShutdown"], nullptr);
+#else
+    // The kernel's name for the card (from the PCI ID database) is the longer one.
+    EXPECT_EQ(amd["name"], amdKernelName);
+    EXPECT_EQ(amd["temperatureShutdown"], 100) << "from the card's hwmon files";
+#endif
     EXPECT_EQ(amd["temperatureCurrent"], 52);
     EXPECT_EQ(amd["dedicatedMemory"], 33554432);
     EXPECT_EQ(amd["graphicsClock"], 2155000);
@@ -104,11 +115,18 @@ TEST(KestrelTool, TextReportShowsWhatIsKnownWithUnits)
 {
     const ProcessResult run = kestrelWith({"--simulate", scenario("workstation")});
     ASSERT_EQ(run.exitCode, 0) << run.err;
-    for (const char* line : {"0000:65:00.0  NVIDIA GeForce RTX 2080 Ti", "  Graphics clock: 1545000 kHz",
-                             "  Dedicated memory: 11534336 KB", "  Temperature: 47 °C", "  GPU utilization: 12%",
-                             "  CUDA compute capability: 7.5", "  SLI: yes", "0000:0a:00.0  AMD Radeon Pro W6800",
+    for (const char* line : {"0000:65:00.0  NVIDIA GeForce RTX 2080 Ti", "  Graphics clock: 1545 MHz",
+                             "  Dedicated memory: 11 GiB", "  Temperature: 47 °C", "  GPU utilization: 12%",
+                             "  CUDA compute capability: 7.5", "  SLI: yes",
                              "  Fan speed: 980 RPM", "  Memory bandwidth: 512000 MB/s"})
         EXPECT_TRUE(hasLine(run.out, line)) << line << "\n" << run.out;
+#if !defined(_WIN32)
+    // What the kernel's sysfs files add to ADL's view of the AMD card.
+    for (const std::string& line : {"0000:0a:00.0  " + std::string(amdKernelName), std::string("  Bus: PCI Express"),
+                                   std::string("  Available dedicated memory: 30 GiB"),
+                                   std::string("  Shutdown temperature: 100 °C")})
+        EXPECT_TRUE(hasLine(run.out, line)) << line;
+#endif
     EXPECT_EQ(run.out.find("null"), std::string::npos);
     EXPECT_EQ(run.out.find("CrossFire"), std::string::npos) << "unknown properties are left out";
 

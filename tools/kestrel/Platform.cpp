@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 
 #if defined(_WIN32)
@@ -29,6 +30,13 @@ void pointProgramFilesAt([[maybe_unused]] const std::string& folder)
 {
 #if defined(_WIN32)
     SetEnvironmentVariableW(L"ProgramW6432", std::filesystem::u8path(folder).wstring().c_str());
+#endif
+}
+
+void pointSysfsAt([[maybe_unused]] const std::string& folder)
+{
+#if !defined(_WIN32)
+    setenv("KESTREL_SYSFS_ROOT", folder.c_str(), 1);
 #endif
 }
 

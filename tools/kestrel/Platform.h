@@ -11,6 +11,10 @@ std::string executableDirectory();
 // looked for on Windows (a no-op elsewhere).
 void pointProgramFilesAt(const std::string& folder);
 
+// Makes "KESTREL_SYSFS_ROOT" name 'folder', where the Linux sysfs source looks
+// for the kernel's PCI devices (a no-op on Windows, which has no such source).
+void pointSysfsAt(const std::string& folder);
+
 // Lets Ctrl-C end a --watch loop cleanly; true once it was pressed.
 void catchInterrupt();
 bool interrupted();

@@ -91,12 +91,33 @@ Json jsonOf(const std::optional<T>& value)
     return value ? jsonOf(*value) : Json(nullptr);
 }
 
-// "54 °C", "30%", "8704"
-std::string withUnit(const std::string& value, const std::string& unit)
+// One decimal, without a trailing ".0": "11 GiB", "15.9 GiB", "1545 MHz".
+std::string decimal(double value, const char* unit)
 {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    std::string shown = text;
+    if (shown.size() > 2 && shown.compare(shown.size() - 2, 2, ".0") == 0)
+        shown.resize(shown.size() - 2);
+    return shown + " " + unit;
+}
+
+// The value as a reader takes it in: sizes in MiB or GiB, clocks in MHz, the rest
+// in the record's own unit ("54 °C", "30%", "8704").
+template <class T>
+std::string withUnit(const T& value, const std::string& unit)
+{
+    if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) {
+        const double number = static_cast<double>(value);
+        if (unit == "KB")
+            return number >= 1024.0 * 1024.0 ? decimal(number / (1024.0 * 1024.0), "GiB") : decimal(number / 1024.0, "MiB");
+        if (unit == "kHz")
+            return decimal(number / 1000.0, "MHz");
+    }
+    const std::string text = textOf(value);
     if (unit.empty())
-        return value;
-    return value + (unit == "%" ? "" : " ") + unit;
+        return text;
+    return text + (unit == "%" ? "" : " ") + unit;
 }
 
 std::string locationOf(const libKestrel::IGPU& gpu)
@@ -124,7 +145,7 @@ std::string textReport(const Records& gpus, const std::bitset<4>& status)
         };
 #define KESTREL_REPORT_LINE(type, getter, setter, unit)                                                    \
     if (const auto value = gpu->getter(); value && shows(#getter))                                            \
-        out << "  " << labelOf(#getter) << ": " << withUnit(textOf(*value), unit) << "\n";
+        out << "  " << labelOf(#getter) << ": " << withUnit(*value, unit) << "\n";
         LIBKESTREL_GPU_PROPERTIES(KESTREL_REPORT_LINE)
 #undef KESTREL_REPORT_LINE
         if (bothVersions)

@@ -4,6 +4,10 @@
 #include <fstream>
 #include <sstream>
 
+#if !defined(_WIN32)
+#include <unistd.h>
+#endif
+
 #include "Platform.h"
 
 namespace kestrel {
@@ -25,6 +29,7 @@ bool isModuleFile(const fs::path& file)
 }
 
 using SetScenario = void (*)(const char* json);
+using WriteSysfs = int (*)(const char* json, const char* folder);
 using CheckScenario = const char* (*)(const char* json);
 
 // Where the modules are: "sim" beside the program in a build, the simulator
@@ -78,7 +83,22 @@ std::optional<std::string> Simulation::use(const std::string& path)
         if (const char* problem = check(scenario.c_str()))
             return "invalid scenario '" + path + "': " + problem;
     reinterpret_cast<SetScenario>(module.getSymbol("kestrelSimulatorSetScenario"))(scenario.c_str());
+#if !defined(_WIN32)
+    // The machine's own devices stay out of a simulated machine, whatever it holds.
+    sysfsRoot_ = (fs::temp_directory_path() / ("kestrel-sysfs-" + std::to_string(getpid()))).u8string();
+    const auto write = reinterpret_cast<WriteSysfs>(module.getSymbol("kestrelSimulatorWriteSysfs"));
+    if (!write || !write(scenario.c_str(), sysfsRoot_.c_str()))
+        return "cannot write the simulated sysfs tree to " + sysfsRoot_;
+    pointSysfsAt(sysfsRoot_);
+#endif
     return std::nullopt;
+}
+
+Simulation::~Simulation()
+{
+    std::error_code ignored;
+    if (!sysfsRoot_.empty())
+        fs::remove_all(fs::u8path(sysfsRoot_), ignored);
 }
 
 } // namespace kestrel

@@ -11,7 +11,8 @@ namespace kestrel {
 // Runs the program against the vendor simulator: the simulated modules built
 // beside the program are loaded before the library asks for its vendors, so the
 // library's own loads of "libnvidia-ml.so.1", "atiadlxx.dll" and the like find
-// them, and all of them are given the scenario.
+// them, and all of them are given the scenario. On Linux the scenario's sysfs
+// tree is written to a temporary folder, which the sysfs source is pointed at.
 class Simulation {
 public:
     // Loads the simulated modules. 'error' says what failed when the simulator
@@ -23,8 +24,15 @@ public:
     // understand (a key or fault they do not know, a value of the wrong kind).
     std::optional<std::string> use(const std::string& path);
 
+    // Removes the sysfs tree written for the scenario.
+    ~Simulation();
+    Simulation(const Simulation&) = delete;
+    Simulation& operator=(const Simulation&) = delete;
+
 private:
     std::vector<tova::DynamicLibrary> modules_;
+    std::string sysfsRoot_; // the scenario's sysfs tree, on Linux
+
 };
 
 } // namespace kestrel

@@ -22,6 +22,9 @@ const std::vector<libKestrel::GPUQuerier> gpuSources = {
     libKestrel::queryNVidiaGPUs,
     libKestrel::queryNVidiaCudaGPUsMulti,
     libKestrel::queryAMDGPUsMulti,
+#if !defined(_WIN32)
+    libKestrel::querySysfsGPUs,
+#endif
 };
 
 void report(const kestrel::Options& options)

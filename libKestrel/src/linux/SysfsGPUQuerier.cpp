@@ -1,7 +1,8 @@
 // GPUs on Linux as the kernel publishes them: every display controller libpci
 // finds under sysfs, with what its driver's files say (amdgpu's own files, and the
 // hwmon sensors most drivers register).
-#include <cinttypes>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -60,11 +61,11 @@ std::optional<std::uint64_t> readNumber(const fs::path& file)
     const auto text = readText(file);
     if (!text)
         return std::nullopt;
+    // Decimal digits only, within 64 bits: no sign, no spaces, no other base.
     std::uint64_t value = 0;
-    int consumed = 0;
-    if (text->find_first_not_of("0123456789") != std::string::npos ||
-        std::sscanf(text->c_str(), "%" SCNu64 "%n", &value, &consumed) != 1 ||
-        static_cast<std::size_t>(consumed) != text->size()) {
+    const char* end = text->data() + text->size();
+    const auto [stop, error] = std::from_chars(text->data(), end, value);
+    if (error != std::errc() || stop != end || text->front() == '-' || text->front() == '+') {
         log(site, Priority::WARNING, "66 ", "Not a number in ", file.u8string(), ": ", *text);
         return std::nullopt;
     }
