@@ -1,29 +1,35 @@
-#include <bitset>
-#include <memory>
-#include <string>
-#include <vector>
-
+// The CUDA source as a host runs it, alone and inside queryAllGPUs, on the
+// simulated driver, which stays loaded for the life of the process.
 #include <gtest/gtest.h>
 
-#include "CudaTest.h"
-#include "common/LogCapture.h"
 #include "common/Records.h"
 #include "common/Simulator.h"
+#include "common/Sources.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
-#include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
-#include "libKestrel/internal/multi/NVidiaCudaGPUQuerierMulti.h"
 
 namespace {
 
-using kestrel::test::LogCapture;
-using kestrel::test::SimulatedMachine;
-using libKestrel::IGPU;
+using namespace kestrel::test;
 using Priority = tova::LoggerPriority;
-using Records = std::vector<std::shared_ptr<IGPU>>;
 using Lines = std::vector<std::string>;
+using LogLines = std::vector<LogLine>;
 
-// Two CUDA devices (the first reporting PCI domain 5), and a GPU that only NVML sees.
+const std::string querier = "libKestrel.NVidiaCudaGPUQuerierMulti";
+const LogLine versions = {querier, 2, "98 Retrieved driver version '12040' and runtime version '5000'"};
+
+LogLine discovered(int count) { return {querier, 2, "111 Discovered " + std::to_string(count) + " CUDA devices"}; }
+
+LogLine unreadable(int index, const std::string& why)
+{
+    const std::string where = "CUDA device at index '" + std::to_string(index) + "': ";
+    return {querier, 3, "47 Could not obtain the device properties for " + where + why};
+}
+
+// Two CUDA devices (the first reporting PCI domain 5), and a GPU that only NVML
+// sees; and the records CUDA gives of them, at domain 0 and function 0 where the
+// other NVIDIA sources place the same GPUs. CUDA reports no cores, memory sizes,
+// driver version or identity of its own.
 const char* const twoCudaDevices = R"({
   "cudaDriver": {"version": 12040},
   "gpus": [
@@ -35,195 +41,106 @@ const char* const twoCudaDevices = R"({
      "cuda": {"name": "Tesla T4", "major": 7, "minor": 5, "clockRate": 1590000, "memoryClockRate": 5001000,
               "memoryBusWidth": 256}}
   ]})";
+const Lines twoCudaRecords = {
+    "0000:65:00.0 name=NVIDIA GeForce RTX 3090 graphicsClock=1695000 memoryClock=9751000 memoryWidth=384 "
+    "versionMajor=8 versionMinor=6",
+    "0000:17:01.0 name=Tesla T4 graphicsClock=1590000 memoryClock=5001000 memoryWidth=256 versionMajor=7 "
+    "versionMinor=5"};
 
-Records query(std::bitset<4>& status) { return libKestrel::queryNVidiaCudaGPUsMulti(status); }
-
-Records query()
+// The same first GPU as another NVIDIA source sees it.
+std::vector<std::shared_ptr<libKestrel::IGPU>> otherNVidiaSource(std::bitset<4>&)
 {
-    std::bitset<4> status;
-    return query(status);
-}
-
-TEST(CudaSource, ReportsEveryDeviceAtFunctionZeroAndDomainZero)
-{
-    SimulatedMachine machine(twoCudaDevices);
-    LogCapture capture(Priority::TRACE);
-    std::bitset<4> status("1010");
-    const Records records = query(status);
-
-    EXPECT_EQ(status, std::bitset<4>("1010")) << "the CUDA source leaves the status alone";
-    ASSERT_EQ(records.size(), 2u);
-    const IGPU& first = *records[0];
-    EXPECT_EQ(first.pciLocation(), pci::PciLocation(0x65, 0, 0, 0)) << "CUDA's domain 5 is not used";
-    EXPECT_EQ(first.name(), "NVIDIA GeForce RTX 3090");
-    EXPECT_EQ(first.versionMajor(), 8u);
-    EXPECT_EQ(first.versionMinor(), 6u);
-    EXPECT_EQ(first.graphicsClock(), 1695000u);
-    EXPECT_EQ(first.memoryClock(), 9751000u);
-    EXPECT_EQ(first.memoryWidth(), 384u);
-    // CUDA reports no cores, memory sizes, driver version or identity of its own.
-    EXPECT_FALSE(first.coreCount());
-    EXPECT_FALSE(first.totalMemory());
-    EXPECT_FALSE(first.driverVersion());
-    EXPECT_FALSE(first.uuid());
-
-    const IGPU& second = *records[1];
-    EXPECT_EQ(second.pciLocation(), pci::PciLocation(0x17, 1, 0, 0)) << "the function is always 0";
-    EXPECT_EQ(second.name(), "Tesla T4");
-    EXPECT_EQ(second.versionMajor(), 7u);
-    EXPECT_EQ(second.memoryWidth(), 256u);
-
-    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"), (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
-                                            "2|111 Discovered 2 CUDA devices",
-                                            "1|57 Found PCI location information: 0000:65:00.0",
-                                            "1|57 Found PCI location information: 0000:17:01.0"}));
-}
-
-TEST(CudaSource, NoDeviceIsAnEmptyMachineNotAFailure)
-{
-    // The driver finds no device (cuInit says so), or shows a count of zero or less.
-    const char* const machines[] = {
-        R"({"gpus": [{"name": "Seen by NVML only", "pci": {"bus": 33}, "nvml": {}}]})",
-        R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}], "faults": {"cuDeviceGetCount": {"count": 0}}})",
-        R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}], "faults": {"cuDeviceGetCount": {"count": -3}}})",
-    };
-    for (const char* scenario : machines) {
-        SCOPED_TRACE(scenario);
-        SimulatedMachine machine(scenario);
-        LogCapture capture(Priority::INFO);
-        EXPECT_TRUE(query().empty());
-        EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"), (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
-                                                "2|111 Discovered 0 CUDA devices"}));
-        EXPECT_EQ(machine.count("cuDeviceGet"), 0u);
-
-        int count = -1;
-        EXPECT_EQ(libKestrel::cudaGetDeviceCount(&count), libKestrel::cuda::cudaErrorNoDevice);
-        EXPECT_EQ(count, 0);
-    }
-    EXPECT_EQ(libKestrel::cudaErrorText(libKestrel::cuda::cudaErrorNoDevice).str(),
-              "cudaErrorNoDevice: no CUDA-capable device is detected");
-}
-
-TEST(CudaSource, ADeviceThatFailsIsSkippedAndTheOthersKept)
-{
-    // Device 1 lacks an attribute, device 2 is busy; device 3 fills the whole name
-    // buffer without a terminator and reports a negative clock rate.
-    SimulatedMachine machine(R"({
-      "gpus": [
-        {"name": "First", "pci": {"bus": 1}, "cuda": {}},
-        {"name": "Second", "pci": {"bus": 2}, "cuda": {"unsupportedAttributes": [36]}},
-        {"name": "Third", "pci": {"bus": 3}, "cuda": {}},
-        {"name": "Fourth", "pci": {"bus": 4}, "cuda": {"clockRate": -1}}
-      ],
-      "faults": {"cuDeviceGet": {"device": 2, "return": 46},
-                 "cuDeviceGetName": {"device": 3, "unterminated": true}}})");
-    LogCapture capture(Priority::INFO);
-    const Records records = query();
-
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0]->name(), "First");
-    EXPECT_EQ(records[0]->graphicsClock(), 1695000u);
-    EXPECT_EQ(records[1]->pciLocation()->bus, 4);
-    // The name ends within the buffer: its 255 characters and our terminator.
-    std::string repeated;
-    while (repeated.size() < 255)
-        repeated += "Fourth";
-    EXPECT_EQ(records[1]->name(), repeated.substr(0, 255));
-    EXPECT_FALSE(records[1]->graphicsClock()) << "a negative clock is no clock";
-    EXPECT_EQ(records[1]->memoryClock(), 9751000u) << "the other properties are kept";
-
-    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"),
-              (Lines{"2|98 Retrieved driver version '12040' and runtime version '5000'",
-                     "2|111 Discovered 4 CUDA devices",
-                     "3|47 Could not obtain the device properties for CUDA device at index '1': "
-                     "cudaErrorInvalidValue: invalid argument",
-                     "3|47 Could not obtain the device properties for CUDA device at index '2': "
-                     "cudaErrorDevicesUnavailable: CUDA-capable device(s) is/are busy or unavailable",
-                     "3|64 Ignoring a negative clock rate reported by CUDA: -1"}));
-}
-
-TEST(CudaSource, AFailureBeforeTheDeviceLoopYieldsNothing)
-{
-    struct Case {
-        const char* scenario;
-        Lines messages;
-    };
-    const std::string gpu = R"("gpus": [{"pci": {"bus": 101}, "cuda": {}}])";
-    const std::string versions = "2|98 Retrieved driver version '12040' and runtime version '5000'";
-    const Case cases[] = {
-        {R"("faults": {"cuDriverGetVersion": {"return": 999}})",
-         {"3|87 Could not retrieve the CUDA driver version: cudaErrorUnknown: unknown error"}},
-        {R"("faults": {"cuDeviceGetCount": {"return": 46}})",
-         {versions, "3|107 Failed to get CUDA device count: cudaErrorDevicesUnavailable: "
-                    "CUDA-capable device(s) is/are busy or unavailable"}},
-    };
-    for (const Case& failure : cases) {
-        SCOPED_TRACE(failure.scenario);
-        SimulatedMachine machine("{" + gpu + ", " + failure.scenario + "}");
-        LogCapture capture(Priority::INFO);
-        EXPECT_TRUE(query().empty());
-        EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"), failure.messages);
-        EXPECT_EQ(machine.count("cuDeviceGet"), 0u);
-    }
-}
-
-TEST(CudaSource, ADevicePlacedOffThePciBusGivesNoRecord)
-{
-    SimulatedMachine machine(R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}, {"pci": {"bus": 3, "device": 40}, "cuda": {}},
-                                           {"pci": {"bus": 256}, "cuda": {}}]})");
-    LogCapture capture(Priority::WARNING);
-    EXPECT_EQ(query().size(), 1u);
-    EXPECT_EQ(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti"),
-              (Lines{"3|58 Device outside the PCI bus, skipped: bus 3, device 40",
-                     "3|58 Device outside the PCI bus, skipped: bus 256, device 0"}));
-}
-
-TEST(CudaSource, AnAbsurdDeviceCountIsNotWalkedPastTheDriversLimit)
-{
-    // NVIDIA's driver manages at most 32 GPUs; the ordinals past the one real
-    // device are invalid and cost a message each.
-    SimulatedMachine machine(R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}],
-                                 "faults": {"cuDeviceGetCount": {"count": 2147483647}}})");
-    LogCapture capture(Priority::INFO);
-    const Records records = query();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0]->pciLocation()->bus, 0x65);
-    const Lines messages = capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti");
-    ASSERT_EQ(messages.size(), 2u + 31u);
-    EXPECT_EQ(messages[1], "2|111 Discovered 32 CUDA devices");
-    EXPECT_EQ(messages.back(), "3|47 Could not obtain the device properties for CUDA device at index '31': "
-                               "cudaErrorInvalidDevice: invalid device ordinal");
-    EXPECT_EQ(machine.count("cuDeviceGet"), 32u);
-}
-
-// The same GPU as a second NVIDIA source sees it, at function 0 and domain 0.
-Records otherNVidiaSource(std::bitset<4>&)
-{
-    auto gpu = kestrel::test::gpuAt(0x65);
+    auto gpu = gpuAt(0x65);
     gpu->setName(std::string("RTX 3090"));
     gpu->setUUID(std::string("GPU-8b0c6a4e"));
     gpu->setCoreCount(std::uint32_t{10496});
     return {gpu};
 }
 
-TEST(CudaQuery, CudaRecordsMergeWithTheOtherSourcesRecords)
+TEST(CudaSource, ReportsEveryDeviceAndItsRecordsMergeWithTheOtherSources)
 {
     SimulatedMachine machine(twoCudaDevices);
+    {
+        LogCapture capture(Priority::TRACE);
+        std::bitset<4> status("1010");
+        EXPECT_EQ(describe(libKestrel::queryNVidiaCudaGPUsMulti(status)), twoCudaRecords);
+        EXPECT_EQ(status, std::bitset<4>("1010")) << "the CUDA source leaves the status alone";
+        EXPECT_EQ(capture.messages(), (LogLines{versions, discovered(2),
+                                                {querier, 1, "57 Found PCI location information: 0000:65:00.0"},
+                                                {querier, 1, "57 Found PCI location information: 0000:17:01.0"}}));
+    }
     LogCapture capture(Priority::WARNING);
     std::bitset<4> status;
-    const Records records =
-        libKestrel::queryAllGPUs({}, {otherNVidiaSource, libKestrel::queryNVidiaCudaGPUsMulti}, status);
+    const auto merged = libKestrel::queryAllGPUs({}, {otherNVidiaSource, libKestrel::queryNVidiaCudaGPUsMulti}, status);
+    EXPECT_EQ(describe(merged), (Lines{"0000:65:00.0 name=NVIDIA GeForce RTX 3090 coreCount=10496 graphicsClock=1695000 "
+                                       "memoryClock=9751000 memoryWidth=384 uuid=GPU-8b0c6a4e versionMajor=8 "
+                                       "versionMinor=6",
+                                       twoCudaRecords[1]}));
+    EXPECT_EQ(capture.messages(querier), Lines{});
+}
 
-    ASSERT_EQ(records.size(), 2u);
-    const IGPU& merged = *records[0];
-    EXPECT_EQ(merged.pciLocation(), pci::PciLocation(0x65, 0, 0, 0));
-    EXPECT_EQ(merged.name(), "NVIDIA GeForce RTX 3090") << "the longer name";
-    EXPECT_EQ(merged.uuid(), "GPU-8b0c6a4e");
-    EXPECT_EQ(merged.coreCount(), 10496u);
-    EXPECT_EQ(merged.versionMajor(), 8u);
-    EXPECT_EQ(merged.memoryWidth(), 384u);
-    EXPECT_EQ(records[1]->name(), "Tesla T4");
-    EXPECT_TRUE(capture.messages("libKestrel.NVidiaCudaGPUQuerierMulti").empty());
+TEST(CudaSource, EachFailureCostsOnlyWhatDependsOnIt)
+{
+    const auto oneDevice = [](const std::string& faults) {
+        return R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}], "faults": )" + faults + "}";
+    };
+    const std::string simulated = "name=NVIDIA Simulated GPU graphicsClock=1695000 memoryClock=9751000 memoryWidth=384 "
+                                  "versionMajor=8 versionMinor=6";
+    std::string fourth; // device 3's name, repeated over the whole buffer but for the terminator
+    while (fourth.size() < 255)
+        fourth += "Fourth";
+    fourth.resize(255);
+    LogLines absurd = {versions, discovered(32)};
+    for (int index = 1; index < 32; ++index)
+        absurd.push_back(unreadable(index, "cudaErrorInvalidDevice: invalid device ordinal"));
+
+    const struct {
+        std::string scenario;
+        LogLines lines; // at and above INFO
+        Lines records;
+    } rows[] = {
+        // No device (cuInit says so, or the count is zero or less) is an empty machine, not a failure.
+        {R"({"gpus": [{"name": "Seen by NVML only", "pci": {"bus": 33}, "nvml": {}}]})", {versions, discovered(0)}, {}},
+        {oneDevice(R"({"cuDeviceGetCount": {"count": 0}})"), {versions, discovered(0)}, {}},
+        {oneDevice(R"({"cuDeviceGetCount": {"count": -3}})"), {versions, discovered(0)}, {}},
+        // A failure before the device loop yields nothing.
+        {oneDevice(R"({"cuDriverGetVersion": {"return": 999}})"),
+         {{querier, 3, "87 Could not retrieve the CUDA driver version: cudaErrorUnknown: unknown error"}}, {}},
+        {oneDevice(R"({"cuDriverGetVersion": {"return": 100}})"),
+         {{querier, 3, "87 Could not retrieve the CUDA driver version: cudaErrorNoDevice: no CUDA-capable device is "
+                       "detected"}}, {}},
+        {oneDevice(R"({"cuDeviceGetCount": {"return": 46}})"),
+         {versions, {querier, 3, "107 Failed to get CUDA device count: cudaErrorDevicesUnavailable: CUDA-capable "
+                                 "device(s) is/are busy or unavailable"}}, {}},
+        // Device 1 lacks an attribute, device 2 is busy; device 3 fills the whole
+        // name buffer without a terminator and reports a negative clock rate.
+        {R"({"gpus": [{"name": "First", "pci": {"bus": 1}, "cuda": {}},
+                      {"name": "Second", "pci": {"bus": 2}, "cuda": {"unsupportedAttributes": [36]}},
+                      {"name": "Third", "pci": {"bus": 3}, "cuda": {}},
+                      {"name": "Fourth", "pci": {"bus": 4}, "cuda": {"clockRate": -1}}],
+            "faults": {"cuDeviceGet": {"device": 2, "return": 46},
+                       "cuDeviceGetName": {"device": 3, "unterminated": true}}})",
+         {versions, discovered(4), unreadable(1, "cudaErrorInvalidValue: invalid argument"),
+          unreadable(2, "cudaErrorDevicesUnavailable: CUDA-capable device(s) is/are busy or unavailable"),
+          {querier, 3, "64 Ignoring a negative clock rate reported by CUDA: -1"}},
+         {"0000:01:00.0 name=First graphicsClock=1695000 memoryClock=9751000 memoryWidth=384 versionMajor=8 "
+          "versionMinor=6",
+          "0000:04:00.0 name=" + fourth + " memoryClock=9751000 memoryWidth=384 versionMajor=8 versionMinor=6"}},
+        {R"({"gpus": [{"pci": {"bus": 101}, "cuda": {}}, {"pci": {"bus": 3, "device": 40}, "cuda": {}},
+                      {"pci": {"bus": 256}, "cuda": {}}]})",
+         {versions, discovered(3), {querier, 3, "58 Device outside the PCI bus, skipped: bus 3, device 40"},
+          {querier, 3, "58 Device outside the PCI bus, skipped: bus 256, device 0"}},
+         {"0000:65:00.0 " + simulated}},
+        // NVIDIA's driver manages at most 32 GPUs: an absurd count is not walked
+        // past that, and each ordinal past the one real device costs a line.
+        {oneDevice(R"({"cuDeviceGetCount": {"count": 2147483647}})"), absurd, {"0000:65:00.0 " + simulated}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.scenario);
+        const SourceRun run = runSource(libKestrel::queryNVidiaCudaGPUsMulti, row.scenario, Priority::INFO);
+        EXPECT_EQ(describe(run.records), row.records);
+        EXPECT_EQ(run.lines, row.lines);
+    }
 }
 
 } // namespace

@@ -1,20 +1,13 @@
-#include <bitset>
-#include <cstdlib>
-
+// The NVIDIA sources' records of the same cards merge into one record per card.
 #include <gtest/gtest.h>
 
-#include "common/LogCapture.h"
+#include "common/Modules.h"
 #include "common/Simulator.h"
+#include "common/Sources.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
 
-#if defined(_WIN32)
-#include <windows.h>
-#endif
-
 namespace {
-
-using kestrel::test::SimulatedMachine;
 
 // Two cards in SLI as NVML, NVAPI and CUDA each describe them.
 const char* const twoCards = R"({
@@ -36,40 +29,31 @@ const char* const twoCards = R"({
 
 TEST(NvidiaSources, RecordsOfTheSameCardsMergeIntoOneRecordPerCard)
 {
-#if defined(_WIN32)
-    SetEnvironmentVariableA("ProgramW6432", std::getenv("KESTREL_NVML_FOLDER"));
-#endif
-    SimulatedMachine machine(twoCards);
+    kestrel::test::SimulatedModules modules{"sim_nvml", "sim_nvapi", "sim_glfw"};
+    kestrel::test::SimulatedMachine machine(twoCards);
     kestrel::test::LogCapture capture(tova::LoggerPriority::WARNING);
     std::bitset<4> status;
     const auto gpus = libKestrel::queryAllGPUs(
         {}, {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs, libKestrel::queryNVidiaCudaGPUsMulti},
         status);
-    ASSERT_EQ(gpus.size(), 2u) << "one record per card, not per source";
-
-    const auto& first = *gpus[0];
-    EXPECT_EQ(first.pciLocation(), pci::PciLocation(101, 0, 0, 0));
-    EXPECT_EQ(first.name(), "NVIDIA GeForce RTX 2080 Ti") << "the longer name";
-    EXPECT_EQ(first.uuid(), "GPU-0001");                 // NVML
-    EXPECT_EQ(first.temperatureCurrent(), 47u);          // NVML
-    EXPECT_EQ(first.coreCount(), 4352u);                 // NVAPI
-    EXPECT_EQ(first.sli(), true);                        // NVAPI
-    EXPECT_EQ(first.versionMajor(), 7u);                 // CUDA
-    EXPECT_EQ(first.versionMinor(), 5u);                 // CUDA
-    EXPECT_EQ(first.memoryWidth(), 352u);                // CUDA
-    EXPECT_EQ(first.graphicsClock(), 1545000u) << "CUDA's clock is the larger";
-    EXPECT_EQ(first.memoryClock(), 7000000u) << "NVAPI's clock is the larger";
-    EXPECT_EQ(first.hardwareAcceleration(), true);
-
-    const auto& second = *gpus[1];
-    EXPECT_EQ(second.pciLocation(), pci::PciLocation(102, 0, 0, 0));
-    EXPECT_EQ(second.uuid(), "GPU-0002");
-    EXPECT_EQ(second.graphicsClock(), 1600000u) << "here NVAPI's clock is the larger";
-    EXPECT_EQ(second.shaderClock(), std::nullopt) << "no source knows it";
-    EXPECT_EQ(second.versionMinor(), 5u);
-
+    // The longer name (NVAPI's is shorter; of equal texts, the later source's, as
+    // NVAPI's VBIOS version), the larger clock (CUDA's graphics clock, NVAPI's
+    // memory clock on the first card), and every other property from the source
+    // that knows it: NVML's identity and readings, NVAPI's cores, clocks, memory
+    // and SLI, CUDA's compute capability and bus width.
+    EXPECT_EQ(kestrel::test::describe(gpus),
+              (std::vector<std::string>{
+                  "0000:65:00.0 name=NVIDIA GeForce RTX 2080 Ti driverVersion=452.6 hardwareAcceleration=true "
+                  "coreCount=4352 vbiosVersion=86.04.50.00.70 dedicatedMemory=0 availableDedicatedMemory=0 "
+                  "graphicsClock=1545000 memoryClock=7000000 shaderClock=1350000 memoryWidth=352 busType=PCI Express "
+                  "eccSupported=false eccEnabled=false utilizationGPU=12 utilizationMemory=4 temperatureCurrent=47 "
+                  "uuid=GPU-0001 sli=true versionMajor=7 versionMinor=5",
+                  "0000:66:00.0 name=NVIDIA GeForce RTX 2080 Ti driverVersion=452.6 hardwareAcceleration=true "
+                  "coreCount=4352 vbiosVersion=86.04.50.00.70 dedicatedMemory=0 availableDedicatedMemory=0 "
+                  "graphicsClock=1600000 memoryClock=7000000 memoryWidth=352 busType=PCI Express eccSupported=false "
+                  "eccEnabled=false temperatureCurrent=44 uuid=GPU-0002 sli=true versionMajor=7 versionMinor=5"}));
     EXPECT_TRUE(status.none());
-    EXPECT_TRUE(capture.lines().empty()) << capture.lines().front().text;
+    EXPECT_EQ(capture.messages(), std::vector<kestrel::test::LogLine>{});
 }
 
 } // namespace

@@ -1,99 +1,69 @@
-#include <string>
-
+// NVIDIAGPU::supportsCuda: the CUDA device at the GPU's bus and device number.
 #include <gtest/gtest.h>
 
 #include "common/LogCapture.h"
+#include "common/Modules.h"
 #include "common/Simulator.h"
 #include "libKestrel/NVIDIAGPU.h"
 
 namespace {
 
-using kestrel::test::LogCapture;
-using kestrel::test::SimulatedMachine;
-using libKestrel::NVIDIAGPU;
+using kestrel::test::LogLine;
 
-// One card at bus 0x65 as NVAPI sees it, and CUDA's view of the same machine.
-std::string machine(int driverVersion, int cudaBus, const std::string& faults = "{}")
+// A CUDA device at 'bus' and 'device' with compute capability 'major'.'minor',
+// which NVAPI does not see.
+std::string cudaDevice(int bus, int device, int major, int minor)
 {
-    return R"({"cudaDriver": {"version": )" + std::to_string(driverVersion) + R"(},
-               "gpus": [{"name": "NVIDIA GeForce GTX 1080", "pci": {"bus": 101, "device": 0},
-                         "nvapi": {},
-                         "cuda": {"major": 6, "minor": 1, "pci": {"bus": )" +
-           std::to_string(cudaBus) + R"(, "device": 0}}}],
-               "faults": )" + faults + "}";
+    return R"({"pci": {"bus": )" + std::to_string(bus) + R"(, "device": )" + std::to_string(device) +
+           R"(}, "cuda": {"major": )" + std::to_string(major) + R"(, "minor": )" + std::to_string(minor) + "}}";
 }
 
-struct Answer {
-    bool supported;
-    unsigned int major;
-    unsigned int minor;
-};
-
-Answer ask()
+TEST(SupportsCuda, AnswersForTheCudaDeviceAtTheGpusBusAndDevice)
 {
-    NVIDIAGPU gpu(pci::PciLocation(101, 0, 0, 0));
-    Answer answer{false, 99, 99};
-    answer.supported = gpu.supportsCuda(answer.major, answer.minor);
-    return answer;
-}
-
-TEST(SupportsCuda, FindsTheCudaDeviceAtTheSameBusAndDevice)
-{
-    SimulatedMachine simulated(machine(12040, 101));
-    LogCapture capture;
-    const Answer answer = ask();
-    EXPECT_TRUE(answer.supported);
-    EXPECT_EQ(answer.major, 6u);
-    EXPECT_EQ(answer.minor, 1u);
-    EXPECT_TRUE(capture.has("libKestrel", 1,
-                            "Entering bool NVIDIAGPU::supportsCuda(unsigned int& major, unsigned int& minor) "
-                            "(libKestrel/windows/NVIDIAGPU.cpp:223)"));
-    EXPECT_EQ(simulated.count("cuInit"), 1u) << "one driver load serves every question";
-}
-
-TEST(SupportsCuda, ADriverAsOldAsTheRuntimeIsEnoughAndAnOlderOneIsNot)
-{
-    {
-        SimulatedMachine simulated(machine(5000, 101));
-        EXPECT_TRUE(ask().supported);
-    }
-    SimulatedMachine simulated(machine(4020, 101));
-    LogCapture capture;
-    const Answer answer = ask();
-    EXPECT_FALSE(answer.supported);
-    EXPECT_EQ(answer.major, 99u) << "outputs are written only on success";
-    EXPECT_TRUE(capture.has("libKestrel", 1,
-                            "286 Older version of CUDA is installed. Support for this version is not available. "
-                            "Driver Version is 4020 Runtime Version is 5000"));
-}
-
-TEST(SupportsCuda, FailuresAnswerFalseWithTheirMessage)
-{
-    {
-        SimulatedMachine simulated(machine(12040, 23));
-        LogCapture capture;
-        const Answer answer = ask();
-        EXPECT_FALSE(answer.supported) << "no CUDA device at this bus";
-        EXPECT_EQ(answer.minor, 99u);
-        EXPECT_EQ(capture.count("276 "), 0u);
-        EXPECT_EQ(capture.count("294 "), 0u);
-    }
-    {
-        SimulatedMachine simulated(machine(12040, 101, R"({"cuDriverGetVersion": {"return": 3}})"));
-        LogCapture capture;
-        EXPECT_FALSE(ask().supported);
-        EXPECT_TRUE(capture.has("libKestrel", 1, "276 Could not get driver version"));
-    }
-    {
-        SimulatedMachine simulated(machine(12040, 101, R"({"cuDeviceGetCount": {"return": 999}})"));
-        LogCapture capture;
-        EXPECT_FALSE(ask().supported);
-        EXPECT_TRUE(capture.has("libKestrel", 1, "294 Cannot enumerate any CUDA devices"));
-    }
-    {
-        // One device's properties fail: it is skipped, not fatal.
-        SimulatedMachine simulated(machine(12040, 101, R"({"cuDeviceGetAttribute": {"device": 0, "return": 1}})"));
-        EXPECT_FALSE(ask().supported);
+    const std::string at65 = cudaDevice(101, 0, 6, 1);
+    const std::string atOtherBus = cudaDevice(23, 0, 7, 5);
+    const std::string atOtherDevice = cudaDevice(101, 1, 7, 5);
+    const struct {
+        std::string gpus;
+        int driverVersion;
+        const char* faults;
+        bool supported;
+        unsigned major, minor; // 99 where they must stay untouched
+        std::vector<LogLine> lines;
+    } rows[] = {
+        {at65, 12040, "{}", true, 6, 1, {}},
+        {at65, 5000, "{}", true, 6, 1, {}}, // a driver as old as the runtime is enough
+        {at65, 4020, "{}", false, 99, 99,
+         {{"libKestrel", 1, "286 Older version of CUDA is installed. Support for this version is not available. "
+                            "Driver Version is 4020 Runtime Version is 5000"}}},
+        // The device must match in bus and device number, wherever it is in CUDA's order.
+        {atOtherBus + "," + at65, 12040, "{}", true, 6, 1, {}},
+        {atOtherDevice + "," + at65, 12040, "{}", true, 6, 1, {}},
+        {at65 + "," + atOtherDevice, 12040, "{}", true, 6, 1, {}},
+        {atOtherBus, 12040, "{}", false, 99, 99, {}},
+        {atOtherDevice, 12040, "{}", false, 99, 99, {}},
+        {at65, 12040, R"({"cuDriverGetVersion": {"return": 3}})", false, 99, 99,
+         {{"libKestrel", 1, "276 Could not get driver version"}}},
+        {at65, 12040, R"({"cuDeviceGetCount": {"return": 999}})", false, 99, 99,
+         {{"libKestrel", 1, "294 Cannot enumerate any CUDA devices"}}},
+        // A device whose properties fail is skipped, not fatal.
+        {at65, 12040, R"({"cuDeviceGetAttribute": {"device": 0, "return": 1}})", false, 99, 99, {}},
+        {atOtherBus + "," + at65, 12040, R"({"cuDeviceGetAttribute": {"device": 0, "return": 1}})", true, 6, 1, {}},
+    };
+    // NVAPI's card at 65:00.0, the one asked about.
+    const kestrel::test::SimulatedModules modules{"sim_nvapi"};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.gpus + " " + std::to_string(row.driverVersion) + " " + row.faults);
+        kestrel::test::SimulatedMachine machine(
+            R"({"cudaDriver": {"version": )" + std::to_string(row.driverVersion) +
+            R"(}, "gpus": [{"name": "NVIDIA GeForce GTX 1080", "pci": {"bus": 101, "device": 0}, "nvapi": {}}, )" +
+            row.gpus + R"(], "faults": )" + row.faults + "}");
+        libKestrel::NVIDIAGPU gpu(pci::PciLocation(101, 0, 0, 0));
+        kestrel::test::LogCapture capture;
+        unsigned major = 99, minor = 99;
+        EXPECT_EQ(gpu.supportsCuda(major, minor), row.supported);
+        EXPECT_EQ(std::make_pair(major, minor), std::make_pair(row.major, row.minor));
+        EXPECT_EQ(capture.messages(), row.lines);
     }
 }
 
