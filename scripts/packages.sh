@@ -4,7 +4,7 @@
 KESTREL_PACKAGES=(
     cmake ninja-build g++ clang libclang-rt-14-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    nlohmann-json3-dev libcli11-dev pkgconf libpci-dev
+    nlohmann-json3-dev libcli11-dev pkgconf libpci-dev libcpp-httplib-dev prometheus
     g++-mingw-w64-x86-64-posix wine wine64
     libglfw3 xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils libgl1-mesa-dri
 )

@@ -159,6 +159,38 @@ TEST(KestrelTool, TextThatIsNotUtf8IsShownWithReplacementCharacters)
     std::remove(cut.c_str());
 }
 
+// The exposition as Prometheus reads it: base units, one series per GPU and
+// property, no sample for what a GPU does not report.
+TEST(KestrelTool, PrometheusExpositionOfTheWorkstation)
+{
+    const ProcessResult run = kestrelWith({"--simulate", scenario("workstation"), "--prometheus"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::string nvidia = R"(pci="0000:65:00.0",uuid="GPU-6d5e3c2a-8f41-4b7e-a1c9-2f6b0d9e4a11")";
+    for (const std::string& line : {
+             "kestrel_gpu_temperature_celsius{" + nvidia + "} 47",
+             "kestrel_gpu_utilization_ratio{" + nvidia + "} 0.12",
+             "kestrel_gpu_memory_dedicated_bytes{" + nvidia + "} 11811160064",
+             "kestrel_gpu_clock_hertz{" + nvidia + ",domain=\"graphics\"} 1545000000",
+             "kestrel_gpu_fan_speed_ratio{" + nvidia + "} 0.35",
+             "kestrel_gpu_ecc_errors_total{" + nvidia + ",type=\"corrected\",scope=\"volatile\"} 0",
+             std::string("# TYPE kestrel_gpu_ecc_errors_total counter"),
+             std::string("kestrel_source_up{source=\"nvml\"} 1")})
+        EXPECT_TRUE(hasLine(run.out, line)) << line << "\n" << run.out;
+    // ADL reports no slowdown temperature for the AMD card: no sample, not a 0.
+    EXPECT_EQ(run.out.find("kestrel_gpu_temperature_slowdown_celsius{pci=\"0000:0a:00.0\""), std::string::npos);
+
+#if !defined(_WIN32)
+    // Every example machine's exposition passes Prometheus's own check.
+    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
+        const std::string file = kestrel::test::temporaryPath(std::string(machine) + ".prom");
+        std::ofstream(file) << kestrelWith({"--simulate", scenario(machine), "--prometheus"}).out;
+        const ProcessResult check = kestrel::test::runProcess("/bin/sh", {"-c", "promtool check metrics < " + file});
+        EXPECT_EQ(check.exitCode, 0) << machine << ": " << check.out << check.err;
+        std::remove(file.c_str());
+    }
+#endif
+}
+
 TEST(KestrelTool, AnEmptyMachineSaysSo)
 {
     const std::string empty = kestrel::test::temporaryPath("empty.json");

@@ -15,7 +15,12 @@ Parsed parseCommandLine(int argc, char** argv)
     int logLevel = 0;
     std::string scenario;
     double watchSeconds = 0;
-    app.add_flag("--json", options.json, "Print one JSON document: every property of every GPU, null when unknown");
+    auto* jsonOption =
+        app.add_flag("--json", options.json, "Print one JSON document: every property of every GPU, null when unknown");
+    app.add_flag("--prometheus", options.prometheus,
+                 "Print the GPUs' readings once in Prometheus's text format (for a node exporter's textfile "
+                 "collector or a script)")
+        ->excludes(jsonOption);
     auto* logOption = app.add_option("--log-level", logLevel,
                                      "Write the library's log to standard error from this priority up "
                                      "(1 traces everything, 4 only the gravest failures)")
@@ -38,6 +43,18 @@ Parsed parseCommandLine(int argc, char** argv)
                                 },
                                 ""));
 
+    ServeOptions serve;
+    auto* serveCommand = app.add_subcommand("serve", "Serve the GPUs' readings to Prometheus at /metrics over HTTP, "
+                                                     "refreshed at most once per interval, until interrupted");
+    serveCommand->fallthrough(); // --simulate and --log-level work after it too
+    serveCommand->add_option("--listen", serve.listen, "The address and port to listen on (all interfaces: 0.0.0.0:PORT)")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str();
+    serveCommand->add_option("--interval", serve.intervalSeconds, "The shortest time between two refreshes")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber.description(""))
+        ->capture_default_str();
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
@@ -56,6 +73,8 @@ Parsed parseCommandLine(int argc, char** argv)
         options.scenario = scenario;
     if (watchOption->count())
         options.watchSeconds = watchSeconds;
+    if (serveCommand->parsed())
+        options.serve = serve;
     return {options, 0};
 }
 

@@ -3,13 +3,17 @@
 #include <optional>
 #include <string>
 
+#include "Serve.h"
+
 namespace kestrel {
 
 struct Options {
     bool json = false;
+    bool prometheus = false;            // one Prometheus exposition instead of the report
     std::optional<int> logLevel;        // the library's log on standard error from this priority up
     std::optional<std::string> scenario; // run against the vendor simulator with this scenario
     std::optional<double> watchSeconds;  // repeat until interrupted
+    std::optional<ServeOptions> serve;   // serve the readings over HTTP
 };
 
 // Parses the command line. Returns the options, or the exit code to end with:

@@ -40,7 +40,11 @@ void pointSysfsAt([[maybe_unused]] const std::string& folder)
 #endif
 }
 
-void catchInterrupt() { std::signal(SIGINT, onInterrupt); }
+void catchInterrupt()
+{
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+}
 
 bool interrupted() { return stop.load(); }
 

@@ -15,7 +15,7 @@ void pointProgramFilesAt(const std::string& folder);
 // for the kernel's PCI devices (a no-op on Windows, which has no such source).
 void pointSysfsAt(const std::string& folder);
 
-// Lets Ctrl-C end a --watch loop cleanly; true once it was pressed.
+// Lets Ctrl-C (or SIGTERM) end a --watch loop or a server cleanly; true once it came.
 void catchInterrupt();
 bool interrupted();
 

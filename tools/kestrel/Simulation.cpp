@@ -1,5 +1,6 @@
 #include "Simulation.h"
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -71,6 +72,9 @@ Simulation::Simulation(std::string& error)
 
 std::optional<std::string> Simulation::use(const std::string& path)
 {
+    std::error_code ignored;
+    path_ = path;
+    written_ = fs::last_write_time(fs::u8path(path), ignored);
     std::ifstream file(path, std::ios::binary);
     if (!file)
         return "cannot read scenario '" + path + "'";
@@ -92,6 +96,16 @@ std::optional<std::string> Simulation::use(const std::string& path)
     pointSysfsAt(sysfsRoot_);
 #endif
     return std::nullopt;
+}
+
+void Simulation::follow()
+{
+    std::error_code error;
+    const auto written = fs::last_write_time(fs::u8path(path_), error);
+    if (path_.empty() || error || written == written_)
+        return;
+    if (const auto problem = use(path_))
+        std::fprintf(stderr, "kestrel: %s\n", problem->c_str());
 }
 
 Simulation::~Simulation()

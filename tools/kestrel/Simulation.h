@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,12 @@ public:
     // understand (a key or fault they do not know, a value of the wrong kind).
     std::optional<std::string> use(const std::string& path);
 
+    // Uses the scenario file again when it changed since it was last used, so a
+    // watching or serving program follows the simulated machine; a file that is
+    // no longer a scenario the modules understand is reported and the machine
+    // stays as it was.
+    void follow();
+
     // Removes the sysfs tree written for the scenario.
     ~Simulation();
     Simulation(const Simulation&) = delete;
@@ -32,6 +39,8 @@ public:
 private:
     std::vector<tova::DynamicLibrary> modules_;
     std::string sysfsRoot_; // the scenario's sysfs tree, on Linux
+    std::string path_;      // the scenario file in use
+    std::filesystem::file_time_type written_{};
 
 };
 

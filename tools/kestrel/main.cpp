@@ -10,6 +10,7 @@
 #include <tova/LogFactory.h>
 
 #include "Options.h"
+#include "Prometheus.h"
 #include "Platform.h"
 #include "Report.h"
 #include "Simulation.h"
@@ -72,6 +73,17 @@ int main(int argc, char** argv)
         }
     }
 
+    const auto follow = [&simulation] {
+        if (simulation)
+            simulation->follow();
+    };
+    if (options.serve)
+        return kestrel::serve(*options.serve, gpuSources, follow);
+    if (options.prometheus) {
+        const libKestrel::Session session(gpuSources);
+        std::fputs(kestrel::prometheusExposition(session).c_str(), stdout);
+        return 0;
+    }
     if (!options.watchSeconds) {
         report(options);
         return 0;
@@ -86,6 +98,7 @@ int main(int argc, char** argv)
         }
         report(options);
         pause(*options.watchSeconds);
+        follow();
     }
     return 0;
 }

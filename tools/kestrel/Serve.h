@@ -1,0 +1,24 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <libKestrel/Query.h>
+
+namespace kestrel {
+
+// What `kestrel serve` was asked for.
+struct ServeOptions {
+    std::string listen = "127.0.0.1:9835"; // ADDRESS:PORT, [IPv6]:PORT
+    double intervalSeconds = 1;           // the shortest time between two refreshes
+};
+
+// Serves /metrics (the Prometheus exposition of a session over 'sources',
+// refreshed at most once per interval whatever the scrape rate) and a page at /
+// until interrupted; 'beforeRefresh' runs before each refresh. Returns the
+// program's exit code.
+int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>& sources,
+          const std::function<void()>& beforeRefresh);
+
+} // namespace kestrel
