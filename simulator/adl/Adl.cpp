@@ -52,6 +52,7 @@ Module& module()
 void reloadMachine()
 {
     sim::reload();
+    sim::initLatency("adl");
     module().machine = sim::adl::readMachine(sim::scenario());
 }
 

@@ -1,11 +1,13 @@
 #include "common/Simulator.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "state/SimulatorState.h"
 
@@ -95,6 +97,17 @@ void reload()
     state.scenario = std::move(fresh);
     state.calls.clear();
     state.generation = generation;
+}
+
+void initLatency(const char* section)
+{
+    const nlohmann::json& machine = scenario();
+    const auto found = machine.find(section);
+    if (found == machine.end() || !found->is_object())
+        return;
+    const auto latency = found->find("initLatencyMs");
+    if (latency != found->end() && latency->is_number_integer() && latency->get<std::int64_t>() > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(latency->get<std::int64_t>()));
 }
 
 bool scenarioChanged()

@@ -28,6 +28,10 @@ const nlohmann::json& scenario();
 // their vendor's library is initialised. Restarts the per-entry call counts.
 void reload();
 
+// Waits as long as the scenario's "<section>": {"initLatencyMs": n} says: a real
+// driver takes that long to start, which a program that keeps it open pays once.
+void initLatency(const char* section);
+
 // True when a scenario was set since this module last reloaded: a module whose
 // vendor initialises once per process reloads then, so that a host or test can
 // change the machine under it.

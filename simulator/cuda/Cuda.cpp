@@ -200,6 +200,7 @@ CUresult lookUpErrorText(const char* entry, CUresult error, const char** text, c
 SIM_EXPORT CUresult cuInit(unsigned int flags)
 {
     readScenario();
+    sim::initLatency("cudaDriver");
     const auto fault = sim::enter("cuInit");
     if (const auto code = injected(fault))
         return *code;

@@ -154,6 +154,7 @@ NvAPI_Status NvAPI_Initialize()
     // The scenario is read when the driver starts, so its faults already apply here.
     if (state.initializations == 0) {
         sim::reload();
+        sim::initLatency("nvapi");
         state.machine = readMachine(sim::scenario());
     }
     const auto fault = sim::enter("NvAPI_Initialize");

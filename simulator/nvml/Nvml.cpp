@@ -127,8 +127,10 @@ nvmlReturn_t writeValue(const Call& call, const std::optional<T>& value, T* outp
 SIM_EXPORT nvmlReturn_t nvmlInit_v2()
 {
     Nvml& state = nvml();
-    if (state.initializations == 0)
+    if (state.initializations == 0) {
         sim::reload();
+        sim::initLatency("nvml");
+    }
     if (const auto fault = sim::enter("nvmlInit_v2"); fault && fault->returnCode)
         return static_cast<nvmlReturn_t>(*fault->returnCode);
     if (state.initializations++ == 0) {

@@ -111,7 +111,7 @@ json ScenarioGenerator::value(const json& kind, int depth)
     }
     json object = json::object();
     for (const auto& [key, inner] : kind.items())
-        if (chance(depth == 0 ? 0.7 : 0.5))
+        if (key != "initLatencyMs" && chance(depth == 0 ? 0.7 : 0.5)) // a slow driver is no hostile one
             object[key] = value(inner, depth + 1);
     return object;
 }
