@@ -13,6 +13,9 @@ const OwnSource sources[] = {
     {"nvapi", queryNVidiaGPUs},
     {"cuda", queryNVidiaCudaGPUsMulti},
     {"adl", queryAMDGPUsMulti},
+#if !defined(_WIN32)
+    {"sysfs", querySysfsGPUs},
+#endif
 };
 
 template <class Matches>

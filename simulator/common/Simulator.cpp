@@ -65,6 +65,23 @@ bool matches(const nlohmann::json& fault, const char* key, std::int64_t value)
     return selector == fault.end() || (selector->is_number_integer() && selector->get<std::int64_t>() == value);
 }
 
+// The faults a driver shows by how it behaves rather than by what it returns:
+// late ("delayMs"), never ("hang"), or dying of a memory fault ("crash").
+void misbehave(const nlohmann::json& spec)
+{
+    if (const auto delay = spec.find("delayMs"); delay != spec.end() && delay->is_number_integer())
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay->get<std::int64_t>()));
+    if (const auto hang = spec.find("hang"); hang != spec.end() && hang->is_boolean() && hang->get<bool>()) {
+        record(std::string(moduleName()) + " hangs");
+        for (;;)
+            std::this_thread::sleep_for(std::chrono::hours(1));
+    }
+    if (const auto crash = spec.find("crash"); crash != spec.end() && crash->is_boolean() && crash->get<bool>()) {
+        volatile int* const nowhere = nullptr;
+        *nowhere = 0; // as a driver dies: an access violation, a SIGSEGV
+    }
+}
+
 Fault toFault(const nlohmann::json& spec)
 {
     Fault fault;
@@ -126,7 +143,7 @@ std::optional<Fault> enter(const char* entry, std::int64_t device)
     if (!kestrelSimKnowsEntry(entry))
         record(std::string("simulator error: ") + entry + " is missing from " + moduleName() + "'s scenario schema");
     ModuleState& state = module();
-    std::lock_guard<std::mutex> lock(state.mutex);
+    std::unique_lock<std::mutex> lock(state.mutex);
     const std::int64_t call = state.calls[entry]++;
     const auto faults = state.scenario.find("faults");
     if (faults == state.scenario.end() || !faults->is_object())
@@ -137,8 +154,12 @@ std::optional<Fault> enter(const char* entry, std::int64_t device)
     // One fault object, or a list of them tried in order.
     const nlohmann::json candidates = found->is_array() ? *found : nlohmann::json::array({*found});
     for (const auto& candidate : candidates)
-        if (candidate.is_object() && matches(candidate, "call", call) && matches(candidate, "device", device))
-            return toFault(candidate);
+        if (candidate.is_object() && matches(candidate, "call", call) && matches(candidate, "device", device)) {
+            Fault fault = toFault(candidate);
+            lock.unlock();
+            misbehave(fault.spec);
+            return fault;
+        }
     return std::nullopt;
 }
 

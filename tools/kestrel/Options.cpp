@@ -21,6 +21,9 @@ Parsed parseCommandLine(int argc, char** argv)
                  "Print the GPUs' readings once in Prometheus's text format (for a node exporter's textfile "
                  "collector or a script)")
         ->excludes(jsonOption);
+    app.add_flag("--isolate", options.isolate,
+                 "Run each vendor interface in a child process, so that a crashing or hanging driver costs only "
+                 "its own GPUs' readings");
     auto* logOption = app.add_option("--log-level", logLevel,
                                      "Write the library's log to standard error from this priority up "
                                      "(1 traces everything, 4 only the gravest failures)")

@@ -10,6 +10,7 @@ namespace kestrel {
 struct Options {
     bool json = false;
     bool prometheus = false;            // one Prometheus exposition instead of the report
+    bool isolate = false;               // vendor libraries in child processes
     std::optional<int> logLevel;        // the library's log on standard error from this priority up
     std::optional<std::string> scenario; // run against the vendor simulator with this scenario
     std::optional<double> watchSeconds;  // repeat until interrupted

@@ -33,11 +33,28 @@ void pointProgramFilesAt([[maybe_unused]] const std::string& folder)
 #endif
 }
 
-void pointSysfsAt([[maybe_unused]] const std::string& folder)
+void pointSysfsAt(const std::string& folder) { setEnvironment("KESTREL_SYSFS_ROOT", folder); }
+
+void setEnvironment(const std::string& name, const std::string& value)
 {
-#if !defined(_WIN32)
-    setenv("KESTREL_SYSFS_ROOT", folder.c_str(), 1);
+#if defined(_WIN32)
+    SetEnvironmentVariableW(std::filesystem::u8path(name).wstring().c_str(),
+                            std::filesystem::u8path(value).wstring().c_str());
+    _putenv_s(name.c_str(), value.c_str());
+#else
+    setenv(name.c_str(), value.c_str(), 1);
 #endif
+}
+
+void prependSearchPath(const std::string& folders)
+{
+#if defined(_WIN32)
+    const char* const variable = "PATH";
+#else
+    const char* const variable = "LD_LIBRARY_PATH";
+#endif
+    const char* current = std::getenv(variable);
+    setEnvironment(variable, folders + (current ? current : ""));
 }
 
 void catchInterrupt()

@@ -15,6 +15,18 @@ void pointProgramFilesAt(const std::string& folder);
 // for the kernel's PCI devices (a no-op on Windows, which has no such source).
 void pointSysfsAt(const std::string& folder);
 
+// Sets an environment variable of this process, for itself and its children.
+void setEnvironment(const std::string& name, const std::string& value);
+
+// Puts 'folders' (each followed by the separator) before the module search path
+// that child processes inherit (LD_LIBRARY_PATH, PATH on Windows).
+#if defined(_WIN32)
+constexpr char searchPathSeparator = ';';
+#else
+constexpr char searchPathSeparator = ':';
+#endif
+void prependSearchPath(const std::string& folders);
+
 // Lets Ctrl-C (or SIGTERM) end a --watch loop or a server cleanly; true once it came.
 void catchInterrupt();
 bool interrupted();

@@ -64,6 +64,11 @@ Simulation::Simulation(std::string& error)
                 pointProgramFilesAt(entry.path().parent_path().parent_path().parent_path().u8string());
         }
     }
+    // Child processes (an isolated query's) find the same modules on their search path.
+    std::string folders;
+    for (const char* folder : moduleFolders)
+        folders += (root / folder).u8string() + searchPathSeparator;
+    prependSearchPath(folders);
     if (modules_.empty())
         error = "no simulated vendor module found in " + root.u8string();
     else if (!modules_.front().getSymbol("kestrelSimulatorSetScenario"))
@@ -74,6 +79,8 @@ std::optional<std::string> Simulation::use(const std::string& path)
 {
     std::error_code ignored;
     path_ = path;
+    // Child processes read the scenario from its file.
+    setEnvironment("KESTREL_SIM_SCENARIO", fs::absolute(fs::u8path(path), ignored).u8string());
     written_ = fs::last_write_time(fs::u8path(path), ignored);
     std::ifstream file(path, std::ios::binary);
     if (!file)

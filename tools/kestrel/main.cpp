@@ -31,7 +31,8 @@ const std::vector<libKestrel::GPUQuerier> gpuSources = {
 void report(const kestrel::Options& options)
 {
     std::bitset<4> status;
-    const auto gpus = libKestrel::queryAllGPUs({}, gpuSources, status);
+    const auto gpus = options.isolate ? libKestrel::queryAllGPUsIsolated({}, gpuSources, status)
+                                      : libKestrel::queryAllGPUs({}, gpuSources, status);
     const std::string text = options.json ? kestrel::jsonReport(gpus, status, options.watchSeconds.has_value())
                                           : kestrel::textReport(gpus, status);
     std::fputs(text.c_str(), stdout);

@@ -8,6 +8,7 @@
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"
 #include "libKestrel/IGPU.h"
+#include "libKestrel/Isolated.h"
 #include "libKestrel/NVIDIAGPU.h"
 #include "libKestrel/Optimus.h"
 #include "libKestrel/Query.h"

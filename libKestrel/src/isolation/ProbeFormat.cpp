@@ -1,0 +1,204 @@
+#include "libKestrel/internal/isolation/ProbeFormat.h"
+
+#include <charconv>
+#include <cstdint>
+#include <sstream>
+#include <type_traits>
+
+#include "libKestrel/GPU.h"
+
+namespace libKestrel::probe {
+namespace {
+
+std::string escaped(const std::string& text)
+{
+    std::string out;
+    for (const char c : text) {
+        switch (c) {
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+std::optional<std::string> unescaped(const std::string& text)
+{
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\') {
+            out += text[i];
+            continue;
+        }
+        if (++i == text.size())
+            return std::nullopt;
+        switch (text[i]) {
+        case '\\': out += '\\'; break;
+        case 'n': out += '\n'; break;
+        case 'r': out += '\r'; break;
+        case 't': out += '\t'; break;
+        default: return std::nullopt;
+        }
+    }
+    return out;
+}
+
+template <class T>
+std::string written(const T& value)
+{
+    if constexpr (std::is_same_v<T, std::string>)
+        return escaped(value);
+    else if constexpr (std::is_same_v<T, bool>)
+        return value ? "1" : "0";
+    else
+        return std::to_string(value);
+}
+
+template <class T>
+std::optional<T> read(const std::string& text)
+{
+    if constexpr (std::is_same_v<T, std::string>) {
+        return unescaped(text);
+    } else if constexpr (std::is_same_v<T, bool>) {
+        if (text == "0" || text == "1")
+            return text == "1";
+        return std::nullopt;
+    } else {
+        T value{};
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (error != std::errc() || end != text.data() + text.size())
+            return std::nullopt;
+        return value;
+    }
+}
+
+// A property line onto the record: false when the name or value is not one.
+bool setProperty(GPU& gpu, const std::string& name, const std::string& value)
+{
+#define LIBKESTREL_PROBE_SET(type, getter, setter, unit)                                                       \
+    if constexpr (!std::is_pointer_v<type>) {                                                                  \
+        if (name == #getter) {                                                                                 \
+            const auto parsed = read<type>(value);                                                             \
+            if (parsed)                                                                                        \
+                gpu.setter(*parsed);                                                                           \
+            return parsed.has_value();                                                                         \
+        }                                                                                                      \
+    }
+    LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_PROBE_SET)
+#undef LIBKESTREL_PROBE_SET
+    return false;
+}
+
+} // namespace
+
+std::string header() { return "kestrel-probe 1\n"; }
+
+std::string logLine(const std::string& logger, int priority, const std::string& text)
+{
+    return "log " + std::to_string(priority) + " " + (logger.empty() ? "-" : logger) + " " + escaped(text) + "\n";
+}
+
+std::string records(const std::vector<std::shared_ptr<IGPU>>& gpus, const std::bitset<4>& status)
+{
+    std::ostringstream out;
+    for (const auto& gpu : gpus) {
+        const auto location = gpu ? gpu->pciLocation() : std::nullopt;
+        if (!location)
+            continue; // the merge would drop it
+        out << "gpu " << location->domain << ' ' << int(location->bus) << ' ' << int(location->device) << ' '
+            << int(location->function) << '\n';
+#define LIBKESTREL_PROBE_WRITE(type, getter, setter, unit)                                                     \
+    if constexpr (!std::is_pointer_v<type>) {                                                                  \
+        if (const auto value = gpu->getter())                                                                  \
+            out << #getter << ' ' << written(*value) << '\n';                                                  \
+    }
+        LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_PROBE_WRITE)
+#undef LIBKESTREL_PROBE_WRITE
+        out << "end\n";
+    }
+    out << "status " << status.to_string() << "\ndone\n";
+    return out.str();
+}
+
+Output parse(const std::string& text, std::string& problem)
+{
+    Output output;
+    std::istringstream lines(text);
+    std::string line;
+    std::shared_ptr<GPU> gpu;
+    int number = 0;
+    bool done = false;
+    const auto fail = [&problem, &number](const std::string& why) {
+        problem = "line " + std::to_string(number) + ": " + why;
+        return false;
+    };
+    const auto take = [&](const std::string& item) {
+        const auto space = item.find(' ');
+        const std::string word = item.substr(0, space);
+        const std::string rest = space == std::string::npos ? "" : item.substr(space + 1);
+        if (number == 1)
+            return item == "kestrel-probe 1" || fail("not kestrel-probe output");
+        if (done)
+            return fail("output after done");
+        if (word == "log") {
+            std::istringstream fields(rest);
+            LogLine log;
+            std::string logger;
+            if (!(fields >> log.priority >> logger) || fields.get() != ' ')
+                return fail("a log line without priority and logger");
+            std::string message;
+            std::getline(fields, message);
+            const auto unescapedText = unescaped(message);
+            if (!unescapedText)
+                return fail("a log text badly escaped");
+            log.logger = logger == "-" ? "" : logger;
+            log.text = *unescapedText;
+            output.logs.push_back(log);
+            return true;
+        }
+        if (gpu) {
+            if (item == "end") {
+                output.records.push_back(gpu);
+                gpu.reset();
+                return true;
+            }
+            return setProperty(*gpu, word, rest) || fail("not a property: " + word);
+        }
+        if (word == "gpu") {
+            std::istringstream fields(rest);
+            unsigned long domain = 0;
+            unsigned int bus = 0, device = 0, function = 0;
+            if (!(fields >> domain >> bus >> device >> function) || bus > 255 || device > 31 || function > 7)
+                return fail("not a PCI location: " + rest);
+            gpu = std::make_shared<GPU>(pci::PciLocation(static_cast<unsigned char>(bus),
+                                                         static_cast<unsigned char>(device),
+                                                         static_cast<unsigned char>(function),
+                                                         static_cast<unsigned int>(domain)));
+            return true;
+        }
+        if (word == "status") {
+            if (rest.size() != 4 || rest.find_first_not_of("01") != std::string::npos)
+                return fail("not a status: " + rest);
+            output.status = std::bitset<4>(rest);
+            return true;
+        }
+        if (item == "done")
+            return done = true;
+        return fail("unknown: " + word);
+    };
+    while (std::getline(lines, line)) {
+        ++number;
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (!take(line))
+            return output;
+    }
+    if (!done)
+        problem = number == 0 ? "no output" : "cut short after line " + std::to_string(number);
+    return output;
+}
+
+} // namespace libKestrel::probe

@@ -1,0 +1,210 @@
+// The isolated query: the same records as in-process, a crashing or hanging
+// vendor that costs only its own records, the children's log lines in the host's
+// sink, and the probe's output format read strictly.
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "common/LogCapture.h"
+#include "common/Paths.h"
+#include "common/Sources.h"
+#include "libKestrel/GPU.h"
+#include "libKestrel/Isolated.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/internal/SourceTable.h"
+#include "libKestrel/internal/isolation/ProbeFormat.h"
+#include "state/SimulatorState.h"
+#include "tova/System.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kestrel::test::describe;
+using kestrel::test::LogCapture;
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+const std::vector<libKestrel::GPUQuerier> ownSources = {
+    libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs, libKestrel::queryNVidiaCudaGPUsMulti,
+    libKestrel::queryAMDGPUsMulti};
+
+std::string scenarioFile(const std::string& name)
+{
+    return tova::System::getEnvironmentVariable("KESTREL_SCENARIOS").str() + "/" + name + ".json";
+}
+
+// The machine of 'file' for this process and its children alike.
+class MachineInFile {
+public:
+    explicit MachineInFile(const std::string& file)
+    {
+        kestrelSimSetScenario(nullptr); // this process reads the file too
+        setVariable(file);
+    }
+    explicit MachineInFile(const json& machine) : written_(kestrel::test::temporaryPath("isolated.json"))
+    {
+        std::ofstream(written_) << machine.dump();
+        kestrelSimSetScenario(nullptr);
+        setVariable(written_);
+    }
+    ~MachineInFile()
+    {
+        setVariable("");
+        if (!written_.empty())
+            std::remove(written_.c_str());
+    }
+
+private:
+    static void setVariable(const std::string& value)
+    {
+#if defined(_WIN32)
+        _putenv_s("KESTREL_SIM_SCENARIO", value.c_str());
+#else
+        setenv("KESTREL_SIM_SCENARIO", value.c_str(), 1);
+#endif
+    }
+    std::string written_;
+};
+
+TEST(Isolation, EveryExampleMachineGivesTheRecordsOfAnInProcessQuery)
+{
+    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
+        SCOPED_TRACE(machine);
+        const MachineInFile file(scenarioFile(machine));
+        std::bitset<4> inProcess;
+        std::bitset<4> isolated;
+        const auto expected = describe(libKestrel::queryAllGPUs({}, ownSources, inProcess));
+        EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, ownSources, isolated)), expected);
+        EXPECT_EQ(isolated, inProcess);
+        EXPECT_FALSE(expected.empty());
+    }
+}
+
+// For each vendor: a crash in its initialisation, and a hang in its enumeration.
+TEST(Isolation, ACrashingOrHangingVendorCostsOnlyItsOwnRecords)
+{
+    const struct {
+        const char* source;
+        const char* entry;
+        const char* fault;
+    } rows[] = {
+        {"nvml", "nvmlInit_v2", "crash"},           {"nvml", "nvmlDeviceGetCount_v2", "hang"},
+        {"nvapi", "NvAPI_Initialize", "crash"},     {"nvapi", "NvAPI_EnumPhysicalGPUs", "hang"},
+        {"cuda", "cuInit", "crash"},                {"cuda", "cuDeviceGetCount", "hang"},
+        {"adl", "ADL_Main_Control_Create", "crash"}, {"adl", "ADL_Adapter_NumberOfAdapters_Get", "hang"},
+    };
+    std::ifstream workstationFile(scenarioFile("workstation"));
+    const json workstation = json::parse(workstationFile);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.entry) + " " + row.fault);
+        json machine = workstation;
+        machine["faults"] = {{row.entry, {{row.fault, true}}}};
+        const MachineInFile file(machine);
+        LogCapture capture(tova::LoggerPriority::CRITICAL);
+        // Every other vendor's records, as an in-process query of them alone gives.
+        std::vector<libKestrel::GPUQuerier> others;
+        for (const auto* own = libKestrel::ownSourcesBegin(); own != libKestrel::ownSourcesEnd(); ++own)
+            if (own->name != std::string(row.source) && std::find(ownSources.begin(), ownSources.end(), own->query) != ownSources.end())
+                others.push_back(own->query);
+        std::bitset<4> status;
+        const auto expected = describe(libKestrel::queryAllGPUs({}, others, status));
+        const auto start = Clock::now();
+        const auto records = libKestrel::queryAllGPUsIsolated({}, ownSources, status, std::chrono::seconds(2));
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+        EXPECT_EQ(describe(records), expected);
+        const std::string said = std::string("152 Source ") + row.source +
+                                 (row.fault == std::string("hang") ? " did not end by the deadline and was stopped"
+                                                                   : " crashed with ");
+        bool found = false;
+        for (const auto& line : capture.lines())
+            found = found || (line.logger == "libKestrel.Isolation" && line.priority == 4 &&
+                              line.text.rfind(said, 0) == 0);
+        EXPECT_TRUE(found) << said;
+    }
+}
+
+TEST(Isolation, TheChildrensLogLinesReachTheHostsSinkUnderItsThreshold)
+{
+    const MachineInFile file(json::parse(R"({"gpus": [{"pci": {"bus": 101}, "nvml": {}}],
+                                             "faults": {"nvmlDeviceGetPciInfo_v2": {"return": 3}}})"));
+    LogCapture capture(tova::LoggerPriority::WARNING);
+    std::bitset<4> status;
+    EXPECT_TRUE(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryNVidiaNvmlGPUsMulti}, status).empty());
+    EXPECT_EQ(capture.of("libKestrel.NVML"), std::vector<std::string>{"3|61 Failed to retrieve NVML PCI location: Not Supported"});
+    EXPECT_EQ(capture.count("Entering "), 0u) << "trace lines stay under the host's threshold";
+}
+
+#if !defined(_WIN32)
+// The same faults in the host's own process take the host with them.
+TEST(IsolationDeathTest, InProcessTheSameVendorsCrashOrHangTheHost)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const MachineInFile crash(json::parse(R"({"gpus": [{"pci": {"bus": 101}, "nvml": {}}],
+                                              "faults": {"nvmlInit_v2": {"crash": true}}})"));
+    EXPECT_DEATH(
+        {
+            std::bitset<4> status;
+            libKestrel::queryNVidiaNvmlGPUsMulti(status);
+        },
+        "");
+    const MachineInFile hang(json::parse(R"({"gpus": [{"pci": {"bus": 101}, "nvml": {}}],
+                                             "faults": {"nvmlDeviceGetCount_v2": {"hang": true}}})"));
+    EXPECT_EXIT(
+        {
+            alarm(2);
+            std::bitset<4> status;
+            libKestrel::queryNVidiaNvmlGPUsMulti(status);
+        },
+        testing::KilledBySignal(SIGALRM), "");
+}
+#endif
+
+// The probe's output is taken only when it is whole and well formed.
+TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
+{
+    const struct {
+        const char* output;
+        const char* problem;
+    } rows[] = {
+        {"", "no output"},
+        {"kestrel-probe 1\ngpu 0 1 0 0\nname A\nend\n", "cut short after line 4"},
+        {"kestrel-probe 2\ndone\n", "line 1: not kestrel-probe output"},
+        {"kestrel-probe 1\ngpu 0 1 40 0\n", "line 2: not a PCI location: 0 1 40 0"},
+        {"kestrel-probe 1\ngpu 0 1 0 0\ncolour red\n", "line 3: not a property: colour"},
+        {"kestrel-probe 1\ngpu 0 1 0 0\ncoreCount many\n", "line 3: not a property: coreCount"},
+        {"kestrel-probe 1\nstatus 12\n", "line 2: not a status: 12"},
+        {"kestrel-probe 1\ndone\nlog 3 x late\n", "line 3: output after done"},
+        {"kestrel-probe 1\nlog 3 x bad\\q\ndone\n", "line 2: a log text badly escaped"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.output);
+        std::string problem;
+        libKestrel::probe::parse(row.output, problem);
+        EXPECT_EQ(problem, row.problem);
+    }
+    // What is written reads back whole: texts with every escaped character.
+    const auto gpu = std::make_shared<libKestrel::GPU>(pci::PciLocation(0x65, 3, 1, 0));
+    const std::vector<std::shared_ptr<libKestrel::IGPU>> written{gpu};
+    gpu->setName(std::string("A\\B\nC\tD\rE"));
+    gpu->setCoreCount(std::uint32_t{4352});
+    gpu->setSLI(true);
+    std::string problem;
+    const auto output = libKestrel::probe::parse(
+        libKestrel::probe::header() + libKestrel::probe::logLine("libKestrel.NVML", 3, "two\nlines") +
+            libKestrel::probe::records(written, std::bitset<4>("0001")),
+        problem);
+    EXPECT_EQ(problem, "");
+    EXPECT_EQ(describe(output.records), describe(written));
+    EXPECT_EQ(output.status, std::bitset<4>("0001"));
+    ASSERT_EQ(output.logs.size(), 1u);
+    EXPECT_EQ(output.logs[0].text, "two\nlines");
+}
+
+} // namespace
