@@ -95,7 +95,11 @@ TEST(Isolation, ACrashingOrHangingVendorCostsOnlyItsOwnRecords)
         const char* entry;
         const char* fault;
     } rows[] = {
+#if !defined(_WIN32)
+        // Under Wine a child cannot be shown where NVML is: Wine sets ProgramW6432
+        // itself in every process it starts.
         {"nvml", "nvmlInit_v2", "crash"},           {"nvml", "nvmlDeviceGetCount_v2", "hang"},
+#endif
         {"nvapi", "NvAPI_Initialize", "crash"},     {"nvapi", "NvAPI_EnumPhysicalGPUs", "hang"},
         {"cuda", "cuInit", "crash"},                {"cuda", "cuDeviceGetCount", "hang"},
         {"adl", "ADL_Main_Control_Create", "crash"}, {"adl", "ADL_Adapter_NumberOfAdapters_Get", "hang"},
@@ -132,12 +136,13 @@ TEST(Isolation, ACrashingOrHangingVendorCostsOnlyItsOwnRecords)
 
 TEST(Isolation, TheChildrensLogLinesReachTheHostsSinkUnderItsThreshold)
 {
-    const MachineInFile file(json::parse(R"({"gpus": [{"pci": {"bus": 101}, "nvml": {}}],
-                                             "faults": {"nvmlDeviceGetPciInfo_v2": {"return": 3}}})"));
+    const MachineInFile file(json::parse(R"({"gpus": [{"pci": {"bus": 3}, "adl": {}}],
+                                             "faults": {"ADL_Main_Control_Create": {"return": -1}}})"));
     LogCapture capture(tova::LoggerPriority::WARNING);
     std::bitset<4> status;
-    EXPECT_TRUE(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryNVidiaNvmlGPUsMulti}, status).empty());
-    EXPECT_EQ(capture.of("libKestrel.NVML"), std::vector<std::string>{"3|61 Failed to retrieve NVML PCI location: Not Supported"});
+    EXPECT_TRUE(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryAMDGPUsMulti}, status).empty());
+    EXPECT_EQ(capture.of("libKestrel.AMDGPUQuerierMulti"),
+              std::vector<std::string>{"3|149 Failed to create main control: -1"});
     EXPECT_EQ(capture.count("Entering "), 0u) << "trace lines stay under the host's threshold";
 }
 

@@ -14,6 +14,14 @@
 #include "Prometheus.h"
 
 namespace kestrel {
+
+#if !defined(KESTREL_HTTP)
+int serve(const ServeOptions&, const std::vector<libKestrel::GPUQuerier>&, const std::function<void()>&)
+{
+    std::fprintf(stderr, "kestrel: this build cannot serve: it was made without an HTTP library\n");
+    return 1;
+}
+#else
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -44,13 +52,6 @@ bool split(const std::string& listen, std::string& host, int& port)
 
 } // namespace
 
-#if !defined(KESTREL_HTTP)
-int serve(const ServeOptions&, const std::vector<libKestrel::GPUQuerier>&, const std::function<void()>&)
-{
-    std::fprintf(stderr, "kestrel: this build cannot serve: it was made without an HTTP library\n");
-    return 1;
-}
-#else
 int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>& sources,
           const std::function<void()>& beforeRefresh)
 {
