@@ -4,6 +4,8 @@
 // Scenario: "monitors": [{"name": "DELL U2720Q", "x": 0, "y": 0}, ...]
 // Faults:   glfwInit {"return": 0}; glfwGetMonitors {"null": true} or {"count": n};
 //           glfwGetMonitorName {"null": true}; glfwCreateWindow {"call": k, "null": true}.
+// Journal:  besides each call, "glfwWindowHint <hint> <value>" and
+//           "glfwCreateWindow <width>x<height>", what the caller asked for.
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -109,6 +111,7 @@ CHECK_SIGNATURE(glfwMakeContextCurrent);
 SIM_EXPORT void glfwWindowHint(int hint, int value)
 {
     sim::enter("glfwWindowHint");
+    sim::record("glfwWindowHint " + std::to_string(hint) + " " + std::to_string(value));
     if (!requireInitialized())
         return;
     if (hint == GLFW_VISIBLE)
@@ -153,6 +156,7 @@ CHECK_SIGNATURE(glfwSetErrorCallback);
 SIM_EXPORT GLFWwindow* glfwCreateWindow(int width, int height, const char*, GLFWmonitor*, GLFWwindow*)
 {
     const auto fault = sim::enter("glfwCreateWindow");
+    sim::record("glfwCreateWindow " + std::to_string(width) + "x" + std::to_string(height));
     if (!requireInitialized())
         return nullptr;
     if (width <= 0 || height <= 0) {

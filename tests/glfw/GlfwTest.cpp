@@ -1,45 +1,35 @@
+// Monitor enumeration through GLFW, and queryAllGPUs putting it together with the vendor sources.
+#include <algorithm>
+#include <bitset>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
-#include "common/LogCapture.h"
 #include "common/Records.h"
 #include "common/Simulator.h"
+#include "common/Sources.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/internal/Main.h"
 #include "libKestrel/internal/multi/GLFW/glfwWrapper.h"
-#include "libKestrel/vendor/glfw.h"
 #include "tova/DynamicLibrary.h"
 
 namespace {
 
-using kestrel::test::LogCapture;
-using kestrel::test::SimulatedMachine;
-using libKestrel::IGPU;
+using namespace kestrel::test;
+using Lines = std::vector<LogLine>;
 using Priority = tova::LoggerPriority;
 namespace glfw = libKestrel::glfw;
 
-#if defined(_WIN32)
-const char* const glfwModule = "glfw3.dll";
-#else
-const char* const glfwModule = "libglfw.so.3";
-#endif
-
-// What a monitor-side source saw of one monitor, read back through GLFW itself.
-struct Visit {
-    void* window;
-    void* monitor;
-    int windowX, windowY;
-    int monitorX, monitorY;
-    int visible;
-};
-
 // The GLFW the library loaded, held by the test to read windows back.
-tova::DynamicLibrary readBack{tova::String(glfwModule)};
-std::vector<Visit> visits;
+#if defined(_WIN32)
+tova::DynamicLibrary readBack{tova::String("glfw3.dll")};
+#else
+tova::DynamicLibrary readBack{tova::String("libglfw.so.3")};
+#endif
 
 template <class Function>
 Function glfwFunction(const char* name)
@@ -48,19 +38,40 @@ Function glfwFunction(const char* name)
     return reinterpret_cast<Function>(readBack.getSymbol(name));
 }
 
-// Records what it is given and reports one GPU per monitor, at bus 1, 2, ...
-std::vector<std::shared_ptr<IGPU>> monitorSource(void* const& window, void* const& monitor)
+// What the monitor-side source below saw: monitor and probe window positions, the window shown or not; monitors.
+std::vector<std::string> visits;
+std::vector<void*> monitors;
+
+// Reports one GPU per monitor, at bus 1, 2, ...
+Records monitorSource(void* const& window, void* const& monitor)
 {
-    Visit visit{window, monitor, -1, -1, -1, -1, -1};
-    auto* glfwWindow = static_cast<glfw::GLFWwindow*>(window);
-    glfwFunction<glfw::PFN_glfwGetWindowPos>("glfwGetWindowPos")(glfwWindow, &visit.windowX, &visit.windowY);
-    glfwFunction<glfw::PFN_glfwGetMonitorPos>("glfwGetMonitorPos")(static_cast<glfw::GLFWmonitor*>(monitor),
-                                                                     &visit.monitorX, &visit.monitorY);
-    visit.visible = glfwFunction<glfw::PFN_glfwGetWindowAttrib>("glfwGetWindowAttrib")(glfwWindow, glfw::GLFW_VISIBLE);
-    visits.push_back(visit);
-    auto gpu = kestrel::test::gpuAt(static_cast<unsigned char>(visits.size()));
+    int at[4] = {-1, -1, -1, -1};
+    glfwFunction<glfw::PFN_glfwGetMonitorPos>("glfwGetMonitorPos")(static_cast<glfw::GLFWmonitor*>(monitor), &at[0],
+                                                                     &at[1]);
+    auto* probe = static_cast<glfw::GLFWwindow*>(window);
+    glfwFunction<glfw::PFN_glfwGetWindowPos>("glfwGetWindowPos")(probe, &at[2], &at[3]);
+    const bool shown = glfwFunction<glfw::PFN_glfwGetWindowAttrib>("glfwGetWindowAttrib")(probe, glfw::GLFW_VISIBLE);
+    visits.push_back("monitor at " + std::to_string(at[0]) + "," + std::to_string(at[1]) + ": window at " +
+                     std::to_string(at[2]) + "," + std::to_string(at[3]) + (shown ? ", shown" : ", hidden"));
+    monitors.push_back(monitor);
+    auto gpu = gpuAt(static_cast<unsigned char>(monitors.size()));
     gpu->setNativeMonitorHandle(monitor);
     return {gpu};
+}
+
+Records enumerate()
+{
+    visits.clear();
+    monitors.clear();
+    return libKestrel::queryAvailableMonitorInfo({monitorSource});
+}
+
+std::vector<void*> handles(const Records& records)
+{
+    std::vector<void*> result;
+    for (const auto& record : records)
+        result.push_back(record->nativeMonitorHandle().value_or(nullptr));
+    return result;
 }
 
 // After every enumeration, whatever its outcome, the table is empty and the flag down.
@@ -68,126 +79,76 @@ void expectReleased()
 {
     const libKestrel::GLFWBinding& binding = libKestrel::glfwBinding();
     EXPECT_FALSE(binding.loaded.load());
-    // Every slot null: the table as a fresh one is, byte for byte.
     const libKestrel::GLFWFunctions empty;
     EXPECT_EQ(std::memcmp(&binding.functions, &empty, sizeof empty), 0);
 }
 
-const char* const twoMonitors = R"({"monitors": [{"name": "Left", "x": 0, "y": 0},
-                                                 {"name": "Right", "x": 1920, "y": -120}]})";
-
-class GlfwSimulated : public testing::Test {
-protected:
-    void SetUp() override { visits.clear(); }
-};
-
-TEST_F(GlfwSimulated, EachMonitorGetsAHiddenProbeWindowAtItsOrigin)
+TEST(GlfwSimulated, EachMonitorGetsAHidden1x1ProbeWindowAtItsOrigin)
 {
-    SimulatedMachine machine(twoMonitors);
+    SimulatedMachine machine(R"({"monitors": [{"name": "Left"}, {"name": "Right", "x": 1920, "y": -120}]})");
     LogCapture capture;
-    const auto records = libKestrel::queryAvailableMonitorInfo({monitorSource});
-
-    ASSERT_EQ(visits.size(), 2u);
-    EXPECT_EQ(visits[0].windowX, 0);
-    EXPECT_EQ(visits[0].windowY, 0);
-    EXPECT_EQ(visits[1].windowX, 1920);
-    EXPECT_EQ(visits[1].windowY, -120);
-    EXPECT_NE(visits[0].monitor, visits[1].monitor);
-    EXPECT_EQ(visits[0].visible, glfw::GLFW_FALSE);
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0]->nativeMonitorHandle(), visits[0].monitor) << "monitor 0 first";
-    EXPECT_EQ(records[1]->nativeMonitorHandle(), visits[1].monitor);
-
-    EXPECT_EQ(capture.messages("libKestrel.Main"),
+    EXPECT_EQ(handles(enumerate()), monitors) << "one record per monitor, in monitor order";
+    EXPECT_EQ(visits, (std::vector<std::string>{"monitor at 0,0: window at 0,0, hidden",
+                                                "monitor at 1920,-120: window at 1920,-120, hidden"}));
+    EXPECT_EQ(capture.messages("libKestrel.Main"), // each monitor's lines before its records'
               (std::vector<std::string>{"1|74 Monitors found: 2", "1|77 Monitor 0", "1|78   Name: Left",
                                         "1|98 Found 1 from vendor query", "1|77 Monitor 1", "1|78   Name: Right",
                                         "1|98 Found 1 from vendor query"}));
-    EXPECT_TRUE(capture.has("libKestrel.GLFWWrapper", 1, "Entering initializeGLFWLibrary "
-                                                         "(libKestrel/src/multi/GLFW/glfwWrapper.cpp:43)"));
-
-    EXPECT_EQ(machine.count("glfwCreateWindow"), 2u);
+    // An OpenGL 1.0 context in a hidden 1x1 window: three hints, then the windows.
+    const std::vector<std::string> journal = machine.journal();
+    const auto firstWindow = std::find(journal.begin(), journal.end(), "glfwCreateWindow 1x1");
+    EXPECT_THAT(std::vector<std::string>(journal.begin(), firstWindow),
+                testing::IsSupersetOf({"glfwWindowHint 139266 1", "glfwWindowHint 139267 0",
+                                       "glfwWindowHint 131076 0"}));
+    EXPECT_EQ(machine.count("glfwWindowHint"), 3u);
+    EXPECT_EQ(machine.count("glfwCreateWindow 1x1"), 2u);
     EXPECT_EQ(machine.count("glfwDestroyWindow"), 2u);
-    EXPECT_EQ(machine.count("glfwTerminate"), 1u);
     EXPECT_EQ(machine.count("windows left open at glfwTerminate: 1"), 0u);
     expectReleased();
-}
-
-TEST_F(GlfwSimulated, InitFailureAndMissingMonitorsEndTheEnumerationCleanly)
-{
-    {
-        SimulatedMachine machine(R"({"monitors": [{"name": "A"}], "faults": {"glfwInit": {"return": 0}}})");
-        LogCapture capture(Priority::WARNING);
-        EXPECT_TRUE(libKestrel::queryAvailableMonitorInfo({monitorSource}).empty());
-        EXPECT_EQ(capture.of("libKestrel.Main"),
-                  (std::vector<std::string>{"3|31 GLFW Error: Simulated: GLFW refused to initialize",
-                                            "3|53 Failed to initialize GLFW"}));
-        EXPECT_EQ(machine.count("glfwTerminate"), 0u) << "GLFW that never started is not terminated";
-        expectReleased();
-    }
-    for (const char* noMonitors : {R"({"monitors": []})", R"({"monitors": [{"name": "A"}],
-                                                             "faults": {"glfwGetMonitors": {"null": true}}})"}) {
-        SimulatedMachine machine(noMonitors);
-        LogCapture capture(Priority::WARNING);
-        EXPECT_TRUE(libKestrel::queryAvailableMonitorInfo({monitorSource}).empty());
-        EXPECT_EQ(capture.of("libKestrel.Main"),
-                  (std::vector<std::string>{"4|70 Could not find a suitable monitor to enumerate"}));
-        EXPECT_EQ(machine.count("glfwTerminate"), 1u);
-        expectReleased();
-    }
-    EXPECT_TRUE(visits.empty());
+    EXPECT_TRUE(libKestrel::glfwBinding().library.isLoaded()) << "the module stays mapped between calls";
 }
 
 int hostErrors = 0;
-void hostErrorCallback(int, const char*) { ++hostErrors; }
 
-// A host that uses GLFW itself shares the module with the library: the
-// library's callback serves only while it enumerates.
-TEST_F(GlfwSimulated, TheHostsErrorCallbackIsPutBack)
+// A failure costs only what it stops and ends the enumeration cleanly. The library's error callback hears it;
+// a host that uses GLFW itself gets its own callback back, unheard.
+TEST(GlfwSimulated, FailuresEndTheEnumerationCleanly)
 {
     const auto setCallback = glfwFunction<glfw::PFN_glfwSetErrorCallback>("glfwSetErrorCallback");
-    setCallback(hostErrorCallback);
-    SimulatedMachine machine(R"({"monitors": [{"name": "A"}], "faults": {"glfwInit": {"return": 0}}})");
-    LogCapture capture(Priority::WARNING);
-    EXPECT_TRUE(libKestrel::queryAvailableMonitorInfo({monitorSource}).empty());
-    EXPECT_TRUE(capture.has("libKestrel.Main", 3, "31 GLFW Error: Simulated: GLFW refused to initialize"));
+    const glfw::GLFWerrorfun host = [](int, const char*) { ++hostErrors; };
+    setCallback(host);
+    const char* const logger = "libKestrel.Main";
+    const LogLine noMonitor{logger, 4, "70 Could not find a suitable monitor to enumerate"};
+    const struct { const char* name; std::string scenario; std::vector<std::string> visits; Lines lines;
+                   size_t terminations; } rows[] = {
+        {"GLFW refuses to start", R"({"monitors": [{}], "faults": {"glfwInit": {"return": 0}}})", {},
+         {{logger, 3, "31 GLFW Error: Simulated: GLFW refused to initialize"},
+          {logger, 3, "53 Failed to initialize GLFW"}}, 0},
+        {"no monitor", R"({"monitors": []})", {}, {noMonitor}, 1},
+        {"no monitor list", R"({"monitors": [{}], "faults": {"glfwGetMonitors": {"null": true}}})", {}, {noMonitor}, 1},
+        {"no window on monitor 0", R"({"monitors": [{}, {"x": 1920}], "faults": {"glfwCreateWindow": {"call": 0,
+         "null": true}}})", {"monitor at 1920,0: window at 1920,0, hidden"},
+         {{logger, 3, "31 GLFW Error: Simulated: the window could not be created"},
+          {logger, 4, "84 Failed to create window on monitor 0"}}, 1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SimulatedMachine machine(row.scenario);
+        LogCapture capture(Priority::WARNING);
+        EXPECT_EQ(handles(enumerate()), monitors);
+        EXPECT_EQ(visits, row.visits);
+        EXPECT_EQ(capture.messages(), row.lines);
+        EXPECT_EQ(machine.count("glfwTerminate"), row.terminations) << "GLFW that never started is not terminated";
+        EXPECT_EQ(machine.count("glfwDestroyWindow"), row.visits.size());
+        expectReleased();
+    }
     EXPECT_EQ(hostErrors, 0);
-    EXPECT_EQ(setCallback(nullptr), &hostErrorCallback);
-}
-
-TEST_F(GlfwSimulated, AMonitorWithoutAWindowCostsOnlyThatMonitor)
-{
-    SimulatedMachine machine(R"({"monitors": [{"name": "Left", "x": 0}, {"name": "Right", "x": 1920}],
-                                 "faults": {"glfwCreateWindow": {"call": 0, "null": true}}})");
-    LogCapture capture(Priority::WARNING);
-    const auto records = libKestrel::queryAvailableMonitorInfo({monitorSource});
-    ASSERT_EQ(visits.size(), 1u);
-    EXPECT_EQ(visits[0].windowX, 1920) << "the source ran for monitor 1 only";
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(capture.of("libKestrel.Main"),
-              (std::vector<std::string>{"3|31 GLFW Error: Simulated: the window could not be created",
-                                        "4|84 Failed to create window on monitor 0"}));
-    EXPECT_EQ(machine.count("glfwDestroyWindow"), 1u);
-    EXPECT_EQ(machine.count("glfwTerminate"), 1u);
-    expectReleased();
-}
-
-TEST_F(GlfwSimulated, EveryCallLoadsTheModuleAgainAndRefillsTheTable)
-{
-    SimulatedMachine machine(twoMonitors);
-    EXPECT_EQ(libKestrel::queryAvailableMonitorInfo({monitorSource}).size(), 2u);
-    expectReleased();
-    // The module stays mapped between calls; the table does not survive.
-    EXPECT_TRUE(libKestrel::glfwBinding().library.isLoaded());
-    EXPECT_EQ(libKestrel::queryAvailableMonitorInfo({monitorSource}).size(), 2u);
-    expectReleased();
-    EXPECT_EQ(machine.count("glfwInit"), 2u);
-    EXPECT_EQ(visits.size(), 4u);
+    EXPECT_EQ(setCallback(nullptr), host);
 }
 
 TEST(GlfwUnloadable, AModuleThatWillNotLoadGivesNoMonitorRecords)
 {
     LogCapture capture;
-    EXPECT_TRUE(libKestrel::queryAvailableMonitorInfo({monitorSource}).empty());
+    EXPECT_TRUE(enumerate().empty());
     EXPECT_TRUE(capture.has("libKestrel.Main", 1, "44 Could not load libglfw, likely X libraries are not installed"));
     EXPECT_FALSE(libKestrel::glfwBinding().library.isLoaded());
     expectReleased();
@@ -195,45 +156,87 @@ TEST(GlfwUnloadable, AModuleThatWillNotLoadGivesNoMonitorRecords)
 
 TEST(GlfwPartial, AModuleWithoutAnEntryWeCallIsNotUsed)
 {
-    SimulatedMachine machine(twoMonitors);
+    SimulatedMachine machine(R"({"monitors": [{}]})");
     LogCapture capture(Priority::WARNING);
-    EXPECT_TRUE(libKestrel::queryAvailableMonitorInfo({monitorSource}).empty());
-    EXPECT_EQ(capture.of("libKestrel.Main"),
-              (std::vector<std::string>{"3|46 GLFW lacks the entry point glfwGetMonitorPos"}));
+    EXPECT_TRUE(enumerate().empty());
+    EXPECT_EQ(capture.messages(), (Lines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
     EXPECT_EQ(machine.count("glfwInit"), 0u);
     expectReleased();
 }
 
-// A GPU source that knows the GPU at bus 1, the one driving monitor 0 here.
-std::vector<std::shared_ptr<IGPU>> gpuSourceAtBus1(std::bitset<4>&)
-{
-    auto gpu = kestrel::test::gpuAt(1);
-    gpu->setName(std::string("Display GPU"));
-    return {gpu};
-}
-
-// On a virtual X display with two 1024x768 monitors side by side.
+// On a virtual X display with two 1024x768 monitors side by side; the source knows the GPU behind monitor 0.
 TEST(GlfwReal, EachMonitorGetsAProbeWindowAtItsOriginAndTheRecordsMerge)
 {
-    visits.clear();
+    const libKestrel::GPUQuerier displayGpu = [](std::bitset<4>&) -> Records {
+        auto gpu = gpuAt(1);
+        gpu->setName(std::string("Display GPU"));
+        return {gpu};
+    };
     LogCapture capture;
     std::bitset<4> status;
-    const auto records = libKestrel::queryAllGPUs({monitorSource}, {gpuSourceAtBus1}, status);
-    ASSERT_EQ(visits.size(), 2u) << "GLFW should see both outputs of the dummy display";
-    EXPECT_EQ(visits[0].monitorX, 0);
-    EXPECT_EQ(visits[1].monitorX, 1024);
-    for (const auto& visit : visits) {
-        EXPECT_EQ(visit.windowX, visit.monitorX);
-        EXPECT_EQ(visit.windowY, visit.monitorY);
-        EXPECT_EQ(visit.visible, glfw::GLFW_FALSE);
-    }
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0]->nativeMonitorHandle(), visits[0].monitor) << "monitor 0 first";
-    EXPECT_EQ(records[0]->name(), "Display GPU") << "merged with the GPU source's record";
-    EXPECT_EQ(records[1]->nativeMonitorHandle(), visits[1].monitor);
+    visits.clear();
+    monitors.clear();
+    const Records records = libKestrel::queryAllGPUs({monitorSource}, {displayGpu}, status);
+    EXPECT_EQ(handles(records), monitors) << "in monitor order";
+    EXPECT_EQ(visits, (std::vector<std::string>{"monitor at 0,0: window at 0,0, hidden",
+                                                "monitor at 1024,0: window at 1024,0, hidden"}));
+    EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=Display GPU nativeMonitorHandle=handle",
+                                                           "0000:02:00.0 nativeMonitorHandle=handle"}));
     EXPECT_TRUE(capture.has("libKestrel.Main", 1, "74 Monitors found: 2"));
     EXPECT_TRUE(capture.has("libKestrel.Main", 1, "78   Name: DUMMY0"));
     expectReleased();
+}
+
+int sourceCalls = 0;
+
+// Monitor-side records come first, each source's merge into them in the sources' order; a null source is
+// passed over, one listed twice runs twice. Status bits stay. Without sources the monitors are still walked.
+TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
+{
+    // The GPU behind the one monitor as two sources see it; the first also gives bus 9 and one unlocated record.
+    const libKestrel::GPUQuerier first = [](std::bitset<4>& status) -> Records {
+        ++sourceCalls;
+        status.set(2);
+        auto gpu = gpuAt(1);
+        gpu->setName(std::string("First source name"));
+        gpu->setCoreCount(std::uint32_t{80});
+        gpu->setGraphicsClock(std::uint32_t{1500000});
+        return {gpu, gpuAt(9), std::make_shared<UnlocatedGPU>()};
+    };
+    const libKestrel::GPUQuerier second = [](std::bitset<4>&) -> Records {
+        ++sourceCalls;
+        auto gpu = gpuAt(1);
+        gpu->setName(std::string("A longer second-source name"));
+        gpu->setGraphicsClock(std::uint32_t{1700000});
+        gpu->setNativeMonitorHandle(nullptr);
+        return {gpu};
+    };
+    SimulatedMachine machine(R"({"monitors": [{"name": "Only"}]})");
+    LogCapture capture(Priority::WARNING);
+    std::bitset<4> status("0001");
+    sourceCalls = 0;
+    monitors.clear();
+    Records records = libKestrel::queryAllGPUs({monitorSource}, {first, nullptr, second}, status);
+    EXPECT_EQ(sourceCalls, 2);
+    EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=A longer second-source name coreCount=80 "
+                                                           "graphicsClock=1700000 nativeMonitorHandle=handle",
+                                                           "0000:09:00.0"}));
+    EXPECT_EQ(handles(records), (std::vector<void*>{monitors.empty() ? nullptr : monitors[0], nullptr}))
+        << "the monitor side's, not the second source's null";
+    EXPECT_EQ(status, std::bitset<4>("0101"));
+    EXPECT_EQ(capture.messages(), (Lines{{"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}}));
+
+    status.reset();
+    records = libKestrel::queryAllGPUs({}, {first, first}, status);
+    EXPECT_EQ(sourceCalls, 4);
+    EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=First source name coreCount=80 "
+                                                           "graphicsClock=1500000", "0000:09:00.0"}));
+    EXPECT_EQ(status, std::bitset<4>("0100"));
+
+    status = std::bitset<4>("1010");
+    EXPECT_TRUE(libKestrel::queryAllGPUs({}, {}, status).empty());
+    EXPECT_EQ(machine.count("glfwCreateWindow"), 3u) << "one probe window per call";
+    EXPECT_EQ(status, std::bitset<4>("1010"));
 }
 
 } // namespace
