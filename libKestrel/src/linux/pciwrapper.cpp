@@ -54,7 +54,7 @@ constexpr unsigned int displayClass = 0x03;
 thread_local std::jmp_buf* escape = nullptr;
 thread_local char failure[256];
 
-[[noreturn]] void onError(char* format, ...)
+__attribute__((noreturn)) void onError(char* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
