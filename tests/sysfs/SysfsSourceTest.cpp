@@ -185,7 +185,7 @@ TEST(Sysfs, ATreeLibpciCannotReadGivesNoRecordsAndSaysWhich)
 // The kernel's and NVML's records of one NVIDIA card meet at its location.
 TEST(Sysfs, TheRecordOfAnNvidiaCardMergesWithNvmls)
 {
-    const kestrel::test::SimulatedModules nvml{"sim_nvml"};
+    const kestrel::test::SimulatedModules nvml{"sim_nvml", "sim_glfw"};
     kestrel::test::SimulatedMachine machine(
         R"({"gpus": [{"name": "NVIDIA GeForce RTX 3090", "pci": {"bus": 101}, "nvml": {"temperature": 48}}]})");
     SysfsTree tree;

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <mutex>
 #include <tuple>
 
 #include <pci/pci.h>
@@ -109,22 +111,44 @@ std::optional<std::string> unreadableEntry(const std::filesystem::path& devices)
     return std::nullopt;
 }
 
+// libpci, loaded on first use and kept: it starts helpers of its own (the udev
+// hardware database) that would be left behind by every unload. Null, logged,
+// while it is missing or incomplete; looked for again on the next call.
+const PciFunctions* libpci()
+{
+    struct Kept {
+        tova::DynamicLibrary library;
+        PciFunctions functions;
+    };
+    static std::mutex loading;
+    static Kept* kept = nullptr; // never deleted: the library stays mapped
+    const std::lock_guard<std::mutex> lock(loading);
+    if (kept)
+        return &kept->functions;
+    auto candidate = std::make_unique<Kept>(Kept{tova::DynamicLibrary(tova::String("libpci.so.3")), {}});
+    if (!candidate->library.load()) {
+        log(site, Priority::WARNING, "124 ", "Cannot load libpci: ", candidate->library.lastError().str());
+        return nullptr;
+    }
+    PciFunctions& f = candidate->functions;
+    resolveEntries(candidate->library, [&f](auto visit) { listEntries(f, visit); });
+    if (const char* missing = firstMissingEntry([&f](auto visit) { listEntries(f, visit); })) {
+        log(site, Priority::WARNING, "130 ", "libpci lacks the entry point ", missing);
+        return nullptr;
+    }
+    kept = candidate.release();
+    return &kept->functions;
+}
+
 } // namespace
 
 std::vector<PciDevice> displayControllers(const std::string& sysfsRoot)
 {
     auto trace = site.trace("displayControllers", 120);
-    tova::DynamicLibrary library{tova::String("libpci.so.3")};
-    if (!library.load()) {
-        log(site, Priority::WARNING, "124 ", "Cannot load libpci: ", library.lastError().str());
+    const PciFunctions* loaded = libpci();
+    if (!loaded)
         return {};
-    }
-    PciFunctions f;
-    resolveEntries(library, [&f](auto visit) { listEntries(f, visit); });
-    if (const char* missing = firstMissingEntry([&f](auto visit) { listEntries(f, visit); })) {
-        log(site, Priority::WARNING, "130 ", "libpci lacks the entry point ", missing);
-        return {};
-    }
+    const PciFunctions& f = *loaded;
     const std::string busPath = sysfsRoot + "/bus/pci";
     if (const auto entry = unreadableEntry(std::filesystem::u8path(busPath + "/devices"))) {
         log(site, Priority::WARNING, "135 ", "Cannot enumerate the PCI devices, unreadable: ", *entry);
