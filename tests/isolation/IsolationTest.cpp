@@ -14,6 +14,7 @@
 
 #include "common/LogCapture.h"
 #include "common/Paths.h"
+#include "common/Process.h"
 #include "common/Sources.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/Isolated.h"
@@ -168,6 +169,56 @@ TEST(IsolationDeathTest, InProcessTheSameVendorsCrashOrHangTheHost)
             libKestrel::queryNVidiaNvmlGPUsMulti(status);
         },
         testing::KilledBySignal(SIGALRM), "");
+}
+#endif
+
+#if defined(_WIN32)
+const char* const probeName = "kestrel-probe.exe";
+#else
+const char* const probeName = "kestrel-probe";
+#endif
+
+// The helper program as a host's user meets it: a usage line and exit code 2 for
+// arguments it cannot use.
+TEST(Isolation, TheProbeRefusesArgumentsItCannotUse)
+{
+    const std::string probe = kestrel::test::executableDirectory() + probeName;
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{}, {"gpus"}, {"nvml", "--log-level"}, {"nvml", "--log-level", "9"},
+          {"nvml", "--verbose", "1"}}) {
+        const auto run = kestrel::test::runProcess(probe, arguments);
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_EQ(run.out, "");
+        EXPECT_NE(run.err.find("usage: kestrel-probe SOURCE [--log-level N]"), std::string::npos) << run.err;
+    }
+}
+
+#if !defined(_WIN32)
+// Run only by the test below, from a copy of this program in a folder of its
+// own, where no helper program is beside it (the CTest run filters it out).
+TEST(IsolationAlone, WithoutTheHelperProgramASourceGivesNothingAndSaysWhy)
+{
+    const MachineInFile file(scenarioFile("workstation"));
+    LogCapture capture(tova::LoggerPriority::CRITICAL);
+    std::bitset<4> status;
+    EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryNVidiaGPUs}, status)),
+              std::vector<std::string>{});
+    const auto lines = capture.of("libKestrel.Isolation");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("4|140 The helper program kestrel-probe is not beside the library in ", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find("alone, not querying source nvapi"), std::string::npos) << lines[0];
+}
+
+TEST(Isolation, AMissingHelperProgramCostsItsSourcesAndALine)
+{
+    const fs::path alone = fs::u8path(kestrel::test::temporaryPath("alone"));
+    fs::create_directories(alone);
+    fs::copy_file(fs::u8path(kestrel::test::executableDirectory()) / "isolation_tests", alone / "isolation_tests",
+                  fs::copy_options::overwrite_existing);
+    const auto run = kestrel::test::runProcess((alone / "isolation_tests").u8string(),
+                                               {"--gtest_filter=IsolationAlone.*"});
+    fs::remove_all(alone);
+    EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
 }
 #endif
 
