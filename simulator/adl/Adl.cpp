@@ -52,7 +52,9 @@ Module& module()
 void reloadMachine()
 {
     sim::reload();
-    sim::initLatency("adl");
+    // The driver starts once: while a control or context is open, another is cheap.
+    if (module().controls == 0 && module().contexts.empty())
+        sim::initLatency("adl");
     module().machine = sim::adl::readMachine(sim::scenario());
 }
 

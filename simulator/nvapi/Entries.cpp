@@ -152,9 +152,12 @@ NvAPI_Status NvAPI_Initialize()
 {
     Driver& state = driver();
     // The scenario is read when the driver starts, so its faults already apply here.
-    if (state.initializations == 0) {
+    // A new scenario is seen by a nested initialisation too, so that a program
+    // that keeps NVAPI open follows the machine.
+    if (state.initializations == 0 || sim::scenarioChanged()) {
         sim::reload();
-        sim::initLatency("nvapi");
+        if (state.initializations == 0)
+            sim::initLatency("nvapi");
         state.machine = readMachine(sim::scenario());
     }
     const auto fault = sim::enter("NvAPI_Initialize");

@@ -127,15 +127,20 @@ nvmlReturn_t writeValue(const Call& call, const std::optional<T>& value, T* outp
 SIM_EXPORT nvmlReturn_t nvmlInit_v2()
 {
     Nvml& state = nvml();
-    if (state.initializations == 0) {
+    // A new scenario is seen by a nested initialisation too, so that a program
+    // that keeps NVML open follows the machine.
+    const bool changed = state.initializations > 0 && sim::scenarioChanged();
+    if (state.initializations == 0 || changed) {
         sim::reload();
-        sim::initLatency("nvml");
+        if (state.initializations == 0)
+            sim::initLatency("nvml");
     }
     if (const auto fault = sim::enter("nvmlInit_v2"); fault && fault->returnCode)
         return static_cast<nvmlReturn_t>(*fault->returnCode);
-    if (state.initializations++ == 0) {
+    if (state.initializations++ == 0 || changed) {
         state.machine = simnvml::readMachine(sim::scenario());
-        sim::record("nvml initialized");
+        if (!changed)
+            sim::record("nvml initialized");
     }
     return NVML_SUCCESS;
 }

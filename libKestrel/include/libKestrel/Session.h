@@ -13,10 +13,11 @@
 namespace libKestrel {
 
 // A live view of the machine's GPUs for programs that watch them: the vendor
-// libraries are opened once, the GPUs enumerated once, and each refresh re-reads
-// only what changes (temperatures, utilisation, fan speeds, clocks, available
-// memory, ECC counts) through the handles the session holds. Everything else
-// stays as enumerated until rescan().
+// libraries are loaded and initialised once, for the session (NVML initialised,
+// an NVAPI reference, an ADL2 context; CUDA's driver and libpci stay loaded for
+// the process anyway), and each refresh asks the sources again inside that:
+// their own loads and initialisations nest and cost next to nothing, so a
+// refresh costs what the readings cost.
 //
 // Threads: refresh(), rescan() and close() may be called from any thread, one
 // at a time (calls from several threads are serialised). gpus(), status() and
@@ -41,9 +42,7 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Re-reads the changing properties of every GPU. A GPU whose vendor calls
-    // start failing is reported once and loses its changing properties; it
-    // keeps the rest.
+    // Reads the GPUs again through the vendors the session holds open.
     void refresh();
     // Enumerates again, for GPUs added or gone.
     void rescan();

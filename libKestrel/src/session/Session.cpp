@@ -4,6 +4,7 @@
 
 #include "libKestrel/internal/Kestrel.h"
 #include "libKestrel/internal/SourceTable.h"
+#include "libKestrel/internal/session/VendorHold.h"
 
 namespace libKestrel {
 
@@ -11,6 +12,8 @@ struct Session::State {
     std::vector<GPUQuerier> queriers;
     std::mutex updating; // one refresh, rescan or close at a time
     bool closed = false;
+    // The vendors kept open, in the order of the sources; released in reverse.
+    std::vector<std::unique_ptr<session::VendorHold>> holds;
 
     mutable std::mutex reading; // guards the snapshot below
     std::vector<std::shared_ptr<IGPU>> gpus;
@@ -22,6 +25,10 @@ struct Session::State {
 Session::Session(const std::vector<GPUQuerier>& sources) : state_(std::make_unique<State>())
 {
     state_->queriers = sources;
+    for (GPUQuerier querier : sources) {
+        const OwnSource* own = querier ? findOwnSource(querier) : nullptr;
+        state_->holds.push_back(std::make_unique<session::VendorHold>(own ? own->name : ""));
+    }
     rescan();
 }
 
@@ -38,10 +45,15 @@ void Session::rescan()
     std::vector<std::shared_ptr<IGPU>> all;
     std::vector<Source> sources;
     std::bitset<4> status;
-    for (GPUQuerier querier : state_->queriers) {
+    // Each source runs inside its vendor's hold: loading and initialising nest,
+    // and cost next to nothing.
+    for (std::size_t i = 0; i < state_->queriers.size(); ++i) {
+        const GPUQuerier querier = state_->queriers[i];
+        if (!querier)
+            continue;
         const auto records = querier(status);
         const OwnSource* own = findOwnSource(querier);
-        sources.push_back({own ? own->name : "host", !records.empty()});
+        sources.push_back({own ? own->name : "host", state_->holds[i]->holds() || !records.empty()});
         all.insert(all.end(), records.begin(), records.end());
     }
     auto merged = mergeGPUs(all);
@@ -58,6 +70,8 @@ void Session::close()
 {
     std::lock_guard<std::mutex> updating(state_->updating);
     state_->closed = true;
+    while (!state_->holds.empty())
+        state_->holds.pop_back(); // the last opened is released first
 }
 
 std::vector<std::shared_ptr<IGPU>> Session::gpus() const
