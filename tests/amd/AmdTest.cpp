@@ -309,6 +309,17 @@ TEST(AmdCrossFire, AGPULeadsOnlyAnActiveChainAndListsItsLinks)
         EXPECT_THAT(capture.messages(device), IsSupersetOf(*row.line ? Lines{row.line} : Lines{}));
         EXPECT_EQ(openContexts(machine), 0);
     }
+    // A driver that lists one adapter index at two places: the link is the first.
+    json a = {{"adapters", 2}, {"crossfire", {{"preferred", 0}, {"state", 1}, {"combinations", json::parse("[[2]]")}}}};
+    SimulatedMachine twice(scenario({gpuAt(3, a), gpuAt(4, json::object()), gpuAt(5, {{"adapters", {{{"index", 2}}}}})}));
+    LogCapture capture;
+    {
+        std::vector<AMDGPU> gpus = enumerated();
+        std::vector<AMDGPU> links;
+        EXPECT_TRUE(!gpus.empty() && gpus[0].hasCrossFireSlaveGPU(links));
+        EXPECT_EQ(seen(links), Lines{"0000:04:00.0"});
+    }
+    EXPECT_TRUE(capture.has(device, 3, "161  PCI location mismatch! Cannot add GPU info from a different GPU."));
 }
 
 // Temperatures by Overdrive version, one per adapter that gives one above 0; clocks from the first adapter that
