@@ -213,25 +213,24 @@ void closeOutput(Child& child)
     child.output = -1;
 }
 
-// Waits for the child (killed first when 'overdue') and says how it ended.
-void reap(Child& child, bool overdue)
+// Says how the child ended, from waitpid's status.
+void ended(Child& child, int status)
 {
-    if (overdue)
-        kill(child.pid, SIGKILL);
+    closeOutput(child);
+    child.end.how = WIFSIGNALED(status) ? ChildEnd::How::crashed : ChildEnd::How::exited;
+    child.end.code = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+    child.finished = true;
+}
+
+// Kills the child, still running at the deadline or misbehaving, and waits for it.
+void stop(Child& child)
+{
+    kill(child.pid, SIGKILL);
     int status = 0;
     while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
     }
-    closeOutput(child);
-    if (overdue) {
-        child.end.how = ChildEnd::How::overdue;
-    } else if (WIFSIGNALED(status)) {
-        child.end.how = ChildEnd::How::crashed;
-        child.end.code = WTERMSIG(status);
-    } else {
-        child.end.how = ChildEnd::How::exited;
-        child.end.code = WEXITSTATUS(status);
-    }
-    child.finished = true;
+    ended(child, status);
+    child.end.how = ChildEnd::How::overdue;
 }
 
 std::vector<ChildEnd> run(const std::vector<std::vector<std::string>>& commands, Clock::time_point deadline)
@@ -252,11 +251,8 @@ std::vector<ChildEnd> run(const std::vector<std::vector<std::string>>& commands,
             } else {
                 // Its output is closed: it has ended, or is about to.
                 int status = 0;
-                const pid_t ended = waitpid(child.pid, &status, WNOHANG);
-                if (ended == child.pid) {
-                    child.end.how = WIFSIGNALED(status) ? ChildEnd::How::crashed : ChildEnd::How::exited;
-                    child.end.code = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
-                    child.finished = true;
+                if (waitpid(child.pid, &status, WNOHANG) == child.pid) {
+                    ended(child, status);
                     continue;
                 }
             }
@@ -268,7 +264,7 @@ std::vector<ChildEnd> run(const std::vector<std::vector<std::string>>& commands,
         if (now >= deadline) {
             for (Child& child : children)
                 if (!child.finished)
-                    reap(child, true);
+                    stop(child);
             break;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
@@ -286,7 +282,7 @@ std::vector<ChildEnd> run(const std::vector<std::vector<std::string>>& commands,
             else if (got == 0 || errno != EINTR)
                 closeOutput(child);
             if (child.end.output.size() > mostOutput)
-                reap(child, true);
+                stop(child);
         }
     }
     std::vector<ChildEnd> ends;
