@@ -49,8 +49,13 @@ public:
         kestrelSimSetScenario(nullptr); // this process reads the file too
         setVariable(file);
     }
-    explicit MachineInFile(const json& machine) : written_(kestrel::test::temporaryPath("isolated.json"))
+    explicit MachineInFile(const json& machine)
     {
+        // A death test's child runs the test again from its start; it reads the
+        // parent's file through the inherited variable and leaves no file behind.
+        if (testing::internal::InDeathTestChild())
+            return;
+        written_ = kestrel::test::temporaryPath("isolated.json");
         std::ofstream(written_) << machine.dump();
         kestrelSimSetScenario(nullptr);
         setVariable(written_);
