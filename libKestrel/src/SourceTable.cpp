@@ -4,17 +4,22 @@
 #include <iterator>
 
 #include "libKestrel/Sources.h"
+#include "libKestrel/internal/multi/AMDGPUQuerierMulti.h"
+#include "libKestrel/internal/multi/NVidiaNvmlGPUQuerierMulti.h"
+#if !defined(_WIN32)
+#include "libKestrel/internal/linux/SysfsGPUQuerier.h"
+#endif
 
 namespace libKestrel {
 namespace {
 
 const OwnSource sources[] = {
-    {"nvml", queryNVidiaNvmlGPUsMulti},
-    {"nvapi", queryNVidiaGPUs},
-    {"cuda", queryNVidiaCudaGPUsMulti},
-    {"adl", queryAMDGPUsMulti},
+    {"nvml", queryNVidiaNvmlGPUsMulti, enumerateNvmlLive, true},
+    {"nvapi", queryNVidiaGPUs, nullptr, true},
+    {"cuda", queryNVidiaCudaGPUsMulti, nullptr, false}, // the device's fixed properties only
+    {"adl", queryAMDGPUsMulti, enumerateAdlLive, true},
 #if !defined(_WIN32)
-    {"sysfs", querySysfsGPUs},
+    {"sysfs", querySysfsGPUs, enumerateSysfsLive, true},
 #endif
 };
 

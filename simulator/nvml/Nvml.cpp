@@ -19,6 +19,9 @@ namespace {
 struct Nvml {
     int initializations = 0; // nvmlInit_v2 calls not yet matched by nvmlShutdown
     simnvml::Machine machine;
+    // Devices whose GPU left the scenario while NVML was initialised: their
+    // handles answer NVML_ERROR_GPU_IS_LOST.
+    std::vector<std::unique_ptr<nvmlDevice_st>> lost;
 
     // A client that unloads NVML without shutting it down shows in the journal.
     // (snprintf, not std::to_string: libstdc++'s digit table is a unique symbol,
@@ -69,6 +72,42 @@ Call begin(const char* entry, std::int64_t device, bool argumentsValid)
     return call;
 }
 
+// A scenario set while NVML is initialised, seen as a running driver sees its
+// GPUs change: a device already handed out keeps its handle and takes the new
+// readings, a device whose GPU is gone is lost, and a new GPU is listed last.
+void follow()
+{
+    Nvml& state = nvml();
+    if (state.initializations == 0 || !sim::scenarioChanged())
+        return;
+    sim::reload();
+    simnvml::Machine fresh = simnvml::readMachine(sim::scenario());
+    auto& devices = state.machine.devices;
+    std::vector<std::unique_ptr<nvmlDevice_st>> listed;
+    for (auto& incoming : fresh.devices) {
+        const auto same = std::find_if(devices.begin(), devices.end(), [&incoming](const auto& device) {
+            return device && device->pci.domain == incoming->pci.domain && device->pci.bus == incoming->pci.bus &&
+                   device->pci.device == incoming->pci.device;
+        });
+        if (same == devices.end()) {
+            listed.push_back(std::move(incoming));
+            continue;
+        }
+        **same = std::move(*incoming);
+        listed.push_back(std::move(*same));
+    }
+    for (auto& device : devices)
+        if (device)
+            state.lost.push_back(std::move(device));
+    devices = std::move(listed);
+    state.machine.driverVersion = fresh.driverVersion;
+}
+
+bool holds(const std::vector<std::unique_ptr<nvmlDevice_st>>& devices, nvmlDevice_t handle)
+{
+    return std::any_of(devices.begin(), devices.end(), [handle](const auto& d) { return d.get() == handle; });
+}
+
 // A device query: also finds the device behind the handle, comparing addresses
 // only, so a stale or made-up handle is never dereferenced.
 struct DeviceCall : Call {
@@ -77,10 +116,11 @@ struct DeviceCall : Call {
 
 DeviceCall beginDevice(const char* entry, nvmlDevice_t handle, const void* output)
 {
-    const auto& devices = nvml().machine.devices;
-    const auto found = std::find_if(devices.begin(), devices.end(), [handle](const auto& d) { return d.get() == handle; });
-    nvmlDevice_st* device = found != devices.end() ? found->get() : nullptr;
+    follow();
+    nvmlDevice_st* device = holds(nvml().machine.devices, handle) ? handle : nullptr;
     DeviceCall call{begin(entry, device ? device->index : -1, device && output)};
+    if (call.proceeds() && holds(nvml().lost, handle))
+        call.status = NVML_ERROR_GPU_IS_LOST;
     if (call.proceeds())
         call.device = device;
     return call;
@@ -127,20 +167,19 @@ nvmlReturn_t writeValue(const Call& call, const std::optional<T>& value, T* outp
 SIM_EXPORT nvmlReturn_t nvmlInit_v2()
 {
     Nvml& state = nvml();
-    // A new scenario is seen by a nested initialisation too, so that a program
-    // that keeps NVML open follows the machine.
-    const bool changed = state.initializations > 0 && sim::scenarioChanged();
-    if (state.initializations == 0 || changed) {
+    // A nested initialisation sees a new scenario too, so that a program that
+    // keeps NVML open follows the machine.
+    follow();
+    if (state.initializations == 0) {
         sim::reload();
-        if (state.initializations == 0)
-            sim::initLatency("nvml");
+        sim::initLatency("nvml");
     }
     if (const auto fault = sim::enter("nvmlInit_v2"); fault && fault->returnCode)
         return static_cast<nvmlReturn_t>(*fault->returnCode);
-    if (state.initializations++ == 0 || changed) {
+    if (state.initializations++ == 0) {
         state.machine = simnvml::readMachine(sim::scenario());
-        if (!changed)
-            sim::record("nvml initialized");
+        state.lost.clear();
+        sim::record("nvml initialized");
     }
     return NVML_SUCCESS;
 }

@@ -1,5 +1,7 @@
-// A session keeps each vendor open across refreshes, follows the machine, and
-// gives readers whole snapshots while another thread refreshes.
+// A session keeps each vendor open across refreshes, reads the changing
+// properties through the handles it enumerated, says once when a GPU stops
+// answering, and gives readers whole snapshots while another thread refreshes.
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -7,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/LogCapture.h"
 #include "common/Modules.h"
 #include "common/Simulator.h"
 #include "common/Sources.h"
@@ -17,22 +20,40 @@
 namespace {
 
 using kestrel::test::describe;
+using kestrel::test::LogCapture;
 using kestrel::test::SimulatedMachine;
 using kestrel::test::SimulatedModules;
 
 const std::vector<libKestrel::GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
                                                      libKestrel::queryAMDGPUsMulti};
 
-// An NVIDIA card seen by NVML and NVAPI at 'temperature' (and as busy), and an
-// AMD card; with 'second', another NVIDIA card.
-std::string machine(int temperature, bool second = false)
-{
-    const std::string nvidia = R"({"name": "RTX", "pci": {"bus": 101}, "nvml": {"temperature": )" +
-                               std::to_string(temperature) + R"(, "utilization": {"gpu": )" +
-                               std::to_string(temperature) + R"(}}, "nvapi": {}})";
-    return R"({"gpus": [)" + nvidia + R"(, {"name": "Radeon", "pci": {"bus": 3}, "adl": {"adapters": 1}})" +
-           (second ? R"(, {"name": "Second", "pci": {"bus": 102}, "nvml": {}})" : "") + "]}";
-}
+// An NVIDIA card seen by NVML and NVAPI and an AMD card, both at 'load' degrees
+// and percent busy; with 'second', another NVIDIA card; without 'nvidia' or
+// 'amd', the machine has lost that card.
+struct Machine {
+    int load = 40;
+    bool second = false;
+    bool nvidia = true;
+    bool amd = true;
+
+    std::string json() const
+    {
+        const std::string value = std::to_string(load);
+        std::vector<std::string> gpus;
+        if (nvidia)
+            gpus.push_back(R"({"name": "RTX", "pci": {"bus": 101}, "nvml": {"temperature": )" + value +
+                           R"(, "utilization": {"gpu": )" + value + R"(}}, "nvapi": {}})");
+        if (amd)
+            gpus.push_back(R"({"name": "Radeon", "pci": {"bus": 3}, "adl": {"adapters": 2, "overdrive5": {"temperature": )" +
+                           value + R"(000}, "overdrive6": {"activity": )" + value + R"(}}})");
+        if (second)
+            gpus.push_back(R"({"name": "Second", "pci": {"bus": 102}, "nvml": {}})");
+        std::string text;
+        for (const auto& gpu : gpus)
+            text += (text.empty() ? "" : ", ") + gpu;
+        return R"({"gpus": [)" + text + "]}";
+    }
+};
 
 class Session : public testing::Test {
 protected:
@@ -41,14 +62,19 @@ protected:
 
 TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
 {
-    SimulatedMachine simulated(machine(40));
+    SimulatedMachine simulated(Machine{}.json());
     {
         libKestrel::Session session(sources);
         for (int i = 0; i < 5; ++i)
             session.refresh();
         EXPECT_EQ(simulated.count("nvml initialized"), 1u) << "NVML started once";
         EXPECT_EQ(simulated.count("nvml shut down"), 0u);
-        EXPECT_EQ(simulated.count("nvmlInit_v2"), 7u) << "the session's own and one per enumeration";
+        EXPECT_EQ(simulated.count("nvmlInit_v2"), 2u) << "the session's own and the enumeration's";
+        EXPECT_EQ(simulated.count("nvmlDeviceGetCount_v2"), 1u) << "refreshes read through the handles";
+        EXPECT_EQ(simulated.count("nvmlDeviceGetTemperature"), 6u);
+        EXPECT_EQ(simulated.count("nvmlDeviceGetName"), 1u) << "what does not change is read once";
+        EXPECT_EQ(simulated.count("ADL_Overdrive5_Temperature_Get"), 7u) << "both adapters once, then one per GPU";
+        EXPECT_EQ(simulated.count("ADL_Adapter_NumberOfAdapters_Get"), 1u);
         EXPECT_EQ(simulated.count("ADL2 context 1 created"), 1u);
         EXPECT_EQ(simulated.count("ADL2 context 1 destroyed"), 0u) << "the session's context stays";
         std::vector<std::string> up;
@@ -63,6 +89,7 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
     EXPECT_EQ(simulated.count("nvmlInit_v2"), simulated.count("nvmlShutdown"));
     EXPECT_EQ(simulated.count("nvml shut down"), 1u);
     EXPECT_EQ(simulated.count("NvAPI_Initialize"), simulated.count("NvAPI_Unload"));
+    EXPECT_EQ(simulated.count("ADL_Main_Control_Create"), simulated.count("ADL_Main_Control_Destroy"));
     const auto journal = simulated.journal();
     const auto last = [&journal](const std::string& event) {
         return std::find(journal.rbegin(), journal.rend(), event) - journal.rbegin();
@@ -70,47 +97,104 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
     EXPECT_LT(last("nvml shut down"), last("ADL2 context 1 destroyed")) << "ADL, opened last, is closed first";
 }
 
-TEST_F(Session, RefreshFollowsTheMachineAndRescanFindsNewGpus)
+TEST_F(Session, RefreshReadsNewValuesAndKeepsTheRestWhileRescanFindsNewGpus)
 {
-    auto simulated = std::make_unique<SimulatedMachine>(machine(40));
+    SimulatedMachine simulated(Machine{}.json());
     libKestrel::Session session(sources);
     const auto first = session.gpus();
     ASSERT_EQ(first.size(), 2u);
-    EXPECT_EQ(first[0]->temperatureCurrent(), 40u);
 
-    simulated.reset(); // before the next machine, which it would otherwise end
-    simulated = std::make_unique<SimulatedMachine>(machine(65, true));
+    kestrelSimSetScenario(Machine{65, true}.json().c_str());
     session.refresh();
     const auto second = session.gpus();
-    ASSERT_EQ(second.size(), 3u);
-    EXPECT_EQ(second[0]->temperatureCurrent(), 65u);
-    EXPECT_EQ(second[0]->utilizationGPU(), 65u);
-    EXPECT_EQ(second[0]->name(), first[0]->name()) << "what does not change stays";
-    EXPECT_EQ(second[1]->name(), "Second");
-    EXPECT_EQ(first[0]->temperatureCurrent(), 40u) << "an earlier snapshot is never written again";
+    ASSERT_EQ(second.size(), 2u) << "a refresh reads the GPUs it knows";
+    for (std::size_t i = 0; i < second.size(); ++i) {
+        SCOPED_TRACE(*second[i]->name());
+        EXPECT_EQ(second[i]->temperatureCurrent(), 65u);
+        EXPECT_EQ(second[i]->utilizationGPU(), 65u);
+        EXPECT_EQ(second[i]->name(), first[i]->name()) << "what does not change stays";
+        EXPECT_EQ(second[i]->uuid(), first[i]->uuid());
+        EXPECT_EQ(first[i]->temperatureCurrent(), 40u) << "an earlier snapshot is never written again";
+    }
     session.rescan();
-    EXPECT_EQ(session.gpus().size(), 3u);
+    const auto third = session.gpus();
+    ASSERT_EQ(third.size(), 3u);
+    EXPECT_EQ(third[1]->name(), "Second");
+}
+
+// A GPU that leaves the machine while the session holds its handle: its record
+// stays with what does not change, its readings go, and one line says so. An
+// ADL adapter index that comes back answers again, with a line; NVML's lost
+// handle stays lost until a rescan.
+TEST_F(Session, AGpuThatStopsAnsweringIsReportedOnceAndLosesItsReadings)
+{
+    struct Row {
+        const char* name;
+        libKestrel::GPUQuerier source;
+        Machine without;
+        std::string location;
+        bool answersAgain;
+    };
+    const Row rows[] = {
+        {"NVML handle lost", libKestrel::queryNVidiaNvmlGPUsMulti, Machine{40, false, false, true},
+         "0000:65:00.0 (nvml)", false},
+        {"ADL adapter index gone", libKestrel::queryAMDGPUsMulti, Machine{40, false, true, false},
+         "0000:03:00.0 (adl)", true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        SimulatedMachine simulated(Machine{}.json());
+        libKestrel::Session session({row.source});
+        LogCapture log(tova::LoggerPriority::INFO);
+        kestrelSimSetScenario(row.without.json().c_str());
+        for (int i = 0; i < 3; ++i)
+            session.refresh();
+        const auto gone = session.gpus();
+        ASSERT_EQ(gone.size(), 1u);
+        EXPECT_TRUE(gone[0]->name().has_value());
+        EXPECT_FALSE(gone[0]->temperatureCurrent().has_value());
+        EXPECT_FALSE(gone[0]->utilizationGPU().has_value());
+        EXPECT_FALSE(session.sources()[0].up);
+        EXPECT_EQ(log.of("libKestrel.Session"),
+                  std::vector<std::string>{"3|41 GPU no longer answers, its readings are left out: " + row.location});
+
+        log.clear();
+        kestrelSimSetScenario(Machine{55}.json().c_str());
+        session.refresh();
+        session.refresh();
+        EXPECT_EQ(session.gpus()[0]->temperatureCurrent().has_value(), row.answersAgain);
+        EXPECT_EQ(session.sources()[0].up, row.answersAgain);
+        EXPECT_EQ(log.of("libKestrel.Session"),
+                  row.answersAgain ? std::vector<std::string>{"2|48 GPU answers again: " + row.location}
+                                   : std::vector<std::string>{});
+        session.rescan();
+        EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 55u);
+    }
 }
 
 // One thread refreshes while others read: every snapshot a reader gets is whole,
 // its temperature and utilisation from the same machine.
 TEST_F(Session, ReadersSeeWholeSnapshotsWhileAnotherThreadRefreshes)
 {
-    SimulatedMachine simulated(machine(40));
+    SimulatedMachine simulated(Machine{}.json());
     libKestrel::Session session(sources);
     std::atomic<bool> done{false};
     std::vector<std::thread> readers;
     std::atomic<int> torn{0};
+    std::atomic<int> seen{0};
     for (int r = 0; r < 3; ++r)
         readers.emplace_back([&] {
             while (!done)
-                for (const auto& gpu : session.gpus())
-                    if (gpu->temperatureCurrent() && gpu->utilizationGPU() &&
-                        *gpu->temperatureCurrent() != *gpu->utilizationGPU())
+                for (const auto& gpu : session.gpus()) {
+                    ++seen;
+                    if (gpu->temperatureCurrent() != gpu->utilizationGPU())
                         ++torn;
+                }
         });
-    for (int i = 0; i < 20; ++i) {
-        kestrelSimSetScenario(machine(i % 2 ? 70 : 40).c_str());
+    while (seen == 0)
+        std::this_thread::yield(); // the readers are running
+    for (int i = 0; i < 200; ++i) {
+        kestrelSimSetScenario(Machine{i % 2 ? 70 : 40}.json().c_str());
         session.refresh();
     }
     done = true;

@@ -8,11 +8,14 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/Sources.h"
 #include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/linux/SysfsGPUQuerier.h"
 #include "libKestrel/internal/linux/pciwrapper.h"
 #include "tova/System.h"
 
@@ -91,10 +94,10 @@ std::optional<fs::path> hwmonFolder(const fs::path& device)
     return first;
 }
 
-void readHwmon(GPU& gpu, const fs::path& hwmon)
+// The hwmon sensors that change while the GPU runs.
+void readHwmonReadings(GPU& gpu, const fs::path& hwmon)
 {
     gpu.setTemperatureCurrent(scaled<std::uint64_t>(readNumber(hwmon / "temp1_input"), 1000));
-    gpu.setTemperatureShutdown(scaled<std::uint64_t>(readNumber(hwmon / "temp1_crit"), 1000));
     gpu.setFanSpeedRPM(scaled<std::uint32_t>(readNumber(hwmon / "fan1_input"), 1));
     const auto pwm = readNumber(hwmon / "pwm1");
     const auto pwmMax = pwm ? readNumber(hwmon / "pwm1_max") : std::nullopt;
@@ -104,18 +107,46 @@ void readHwmon(GPU& gpu, const fs::path& hwmon)
     gpu.setMemoryClock(scaled<std::uint32_t>(readNumber(hwmon / "freq2_input"), 1000));
 }
 
-// amdgpu's own files: memory in bytes, busy percentages, the VBIOS and the
-// GPU's unique id.
-void readAmdgpu(GPU& gpu, const fs::path& device)
+// amdgpu's files that change: memory in use (in bytes, against the total) and
+// the busy percentages.
+void readAmdgpuReadings(GPU& gpu, const fs::path& device, const std::optional<std::uint64_t>& total)
 {
-    const auto total = readNumber(device / "mem_info_vram_total");
-    gpu.setDedicatedMemory(scaled<std::uint64_t>(total, 1024));
     if (const auto used = total ? readNumber(device / "mem_info_vram_used") : std::nullopt; used && *used <= *total)
         gpu.setAvailableDedicatedMemory((*total - *used) / 1024);
     gpu.setUtilizationGPU(scaled<std::uint32_t>(readNumber(device / "gpu_busy_percent"), 1));
     gpu.setUtilizationMemory(scaled<std::uint32_t>(readNumber(device / "mem_busy_percent"), 1));
-    gpu.setVBIOSVersion(readText(device / "vbios_version"));
-    gpu.setUUID(readText(device / "unique_id"));
+}
+
+// Where a device's readings are: its folder, whether amdgpu drives it, and its
+// first hwmon folder if its driver registered one.
+struct Sensors {
+    fs::path device;
+    bool amdgpu = false;
+    std::optional<fs::path> hwmon;
+    std::optional<std::uint64_t> memoryTotal; // bytes, as amdgpu says
+
+    void read(GPU& gpu) const
+    {
+        if (amdgpu)
+            readAmdgpuReadings(gpu, device, memoryTotal);
+        if (hwmon)
+            readHwmonReadings(gpu, *hwmon);
+    }
+};
+
+// Everything the files say: amdgpu's memory size, VBIOS and unique id, the
+// sensors' shutdown temperature, and the readings.
+void readFiles(GPU& gpu, Sensors& sensors)
+{
+    if (sensors.amdgpu) {
+        sensors.memoryTotal = readNumber(sensors.device / "mem_info_vram_total");
+        gpu.setDedicatedMemory(scaled<std::uint64_t>(sensors.memoryTotal, 1024));
+        gpu.setVBIOSVersion(readText(sensors.device / "vbios_version"));
+        gpu.setUUID(readText(sensors.device / "unique_id"));
+    }
+    if (sensors.hwmon)
+        gpu.setTemperatureShutdown(scaled<std::uint64_t>(readNumber(*sensors.hwmon / "temp1_crit"), 1000));
+    sensors.read(gpu);
 }
 
 std::string hex4(unsigned int value)
@@ -127,12 +158,15 @@ std::string hex4(unsigned int value)
 
 } // namespace
 
-std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>&)
+namespace {
+
+// Every display controller's record, with where its readings are.
+std::vector<std::pair<std::shared_ptr<GPU>, Sensors>> enumerate()
 {
     auto trace = site.trace("querySysfsGPUs", 140);
     const std::string configured = tova::System::getEnvironmentVariable("KESTREL_SYSFS_ROOT").str();
     const std::string root = configured.empty() ? "/sys" : configured;
-    std::vector<std::shared_ptr<IGPU>> records;
+    std::vector<std::pair<std::shared_ptr<GPU>, Sensors>> found;
     for (const pci_library::PciDevice& controller : pci_library::displayControllers(root)) {
         // The domain is left out, as the NVIDIA sources leave it out.
         const auto location = pciLocationOf(controller.bus, controller.device, controller.function);
@@ -141,25 +175,48 @@ std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>&)
         char address[32];
         std::snprintf(address, sizeof address, "%04x:%02x:%02x.%d", static_cast<unsigned int>(controller.domain),
                       controller.bus, controller.device, controller.function);
-        const fs::path device = fs::u8path(root) / "bus/pci/devices" / address;
+        Sensors sensors;
+        sensors.device = fs::u8path(root) / "bus/pci/devices" / address;
         log(site, Priority::TRACE, "151 ", "Display controller at ", address);
 
         auto gpu = std::make_shared<GPU>(*location);
         gpu->setName(controller.name ? *controller.name
                                      : "PCI device " + hex4(controller.vendorId) + ":" + hex4(controller.deviceId));
         std::error_code error;
-        if (fs::exists(device / "current_link_speed", error))
+        if (fs::exists(sensors.device / "current_link_speed", error))
             gpu->setBusType(std::string("PCI Express"));
-        const fs::path driverLink = device / "driver";
+        const fs::path driverLink = sensors.device / "driver";
         const bool bound = fs::is_symlink(driverLink, error) || fs::is_directory(driverLink, error);
         gpu->setHardwareAcceleration(bound);
-        if (bound && fs::read_symlink(driverLink, error).filename() == "amdgpu")
-            readAmdgpu(*gpu, device);
-        if (const auto hwmon = hwmonFolder(device))
-            readHwmon(*gpu, *hwmon);
-        records.push_back(gpu);
+        sensors.amdgpu = bound && fs::read_symlink(driverLink, error).filename() == "amdgpu";
+        sensors.hwmon = hwmonFolder(sensors.device);
+        readFiles(*gpu, sensors);
+        found.emplace_back(gpu, std::move(sensors));
     }
+    return found;
+}
+
+} // namespace
+
+std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>&)
+{
+    std::vector<std::shared_ptr<IGPU>> records;
+    for (const auto& [gpu, sensors] : enumerate())
+        records.push_back(gpu);
     return records;
+}
+
+session::LiveSource enumerateSysfsLive(std::bitset<4>&)
+{
+    session::LiveSource live;
+    for (auto& [gpu, sensors] : enumerate())
+        live.gpus.push_back({gpu, [sensors = std::move(sensors)](GPU& fresh) { sensors.read(fresh); }});
+    // Files need nothing opened around them.
+    live.around = [](const std::function<void()>& reads) {
+        reads();
+        return true;
+    };
+    return live;
 }
 
 } // namespace libKestrel

@@ -1,6 +1,7 @@
 #include "libKestrel/internal/multi/AMDGPUQuerierMulti.h"
 
 #include <algorithm>
+#include <functional>
 #include <optional>
 
 #include "libKestrel/GPU.h"
@@ -102,9 +103,29 @@ std::optional<pci::PciLocation> adapterLocation(const adl::AdapterInfo& info, co
     return location;
 }
 
+// The readings that change while the GPU runs, in the order a record reads them.
+void readTemperatureClocksAndUse(int index, GPU& gpu)
+{
+    gpu.setTemperatureCurrent(query_TemperatureCurrent(index));
+    const AMDClockFrequencies clocks = query_ClockFrequencies(index);
+    gpu.setGraphicsClock(clocks.engine);
+    gpu.setMemoryClock(clocks.memory);
+    gpu.setUtilizationGPU(query_UtilizationGPU(index));
+}
+
+void readFan(int index, GPU& gpu)
+{
+    const AMDFanSpeed fan = query_FanSpeed(index);
+    gpu.setFanSpeedPercent(fan.percent);
+    gpu.setFanSpeedRPM(fan.rpm);
+}
+
+// Each adapter with its records, as a pass hands them on.
+using Take = std::function<void(const adl::AdapterInfo&, const Records&)>;
+
 // First pass, through ADL's first interface. False when it ended early, in which
 // case the second pass is not tried.
-bool queryAdapters(Records& result)
+bool queryAdapters(const Take& take)
 {
     const adlwrapper::ADLFunctions& f = adlBinding().functions;
     if (!f.ADL_Main_Control_Create) {
@@ -126,12 +147,12 @@ bool queryAdapters(Records& result)
     if (!adapters)
         return false;
     for (const adl::AdapterInfo& info : *adapters)
-        append(result, queryAMDGPU(info)); // present or not
+        take(info, queryAMDGPU(info)); // present or not
     return true;
 }
 
 // Second pass, through an ADL2 context of its own.
-void queryPresentAdapters(Records& result)
+void queryPresentAdapters(const Take& take)
 {
     const adlwrapper::ADLFunctions& f = adlBinding().functions;
     if (!f.ADL2_Main_Control_Create) {
@@ -153,7 +174,22 @@ void queryPresentAdapters(Records& result)
     if (!adapters)
         return;
     for (const adl::AdapterInfo& info : *adapters)
-        append(result, queryPresentAMDGPU(info));
+        take(info, queryPresentAMDGPU(info));
+}
+
+// Both passes with ADL loaded, the second only when the first ran to its end;
+// 'loaded' runs first, while ADL's entries are bound.
+void queryBothPasses(const Take& first, const Take& second, const std::function<void()>& loaded = {})
+{
+    if (!adlwrapper::initializeLibrary()) {
+        log(site, Priority::WARNING, "134 ", "Failed to load AMD Display Library");
+        return;
+    }
+    ScopeExit unload(adlwrapper::uninitializeLibrary);
+    if (loaded)
+        loaded();
+    if (queryAdapters(first))
+        queryPresentAdapters(second);
 }
 
 } // namespace
@@ -172,17 +208,11 @@ Records queryAMDGPU(const adl::AdapterInfo& info)
     gpu->setHardwareAcceleration(true);
     gpu->setVBIOSVersion(query_VBIOSVersionString(index));
     gpu->setCrossfire(query_Crossfire(index));
-    gpu->setTemperatureCurrent(query_TemperatureCurrent(index));
-    const AMDClockFrequencies clocks = query_ClockFrequencies(index);
-    gpu->setGraphicsClock(clocks.engine);
-    gpu->setMemoryClock(clocks.memory);
-    gpu->setUtilizationGPU(query_UtilizationGPU(index));
+    readTemperatureClocksAndUse(index, *gpu);
     const AMDMemoryInfo memory = query_DedicatedMemory(index);
     gpu->setDedicatedMemory(memory.size);
     gpu->setMemoryBandwidth(memory.bandwidth);
-    const AMDFanSpeed fan = query_FanSpeed(index);
-    gpu->setFanSpeedPercent(fan.percent);
-    gpu->setFanSpeedRPM(fan.rpm);
+    readFan(index, *gpu);
     return {gpu};
 }
 
@@ -206,14 +236,55 @@ Records queryAMDGPUsMulti(std::bitset<4>&)
 {
     auto trace = site.trace("queryAMDGPUsMulti", 188);
     Records result;
-    if (!adlwrapper::initializeLibrary()) {
-        log(site, Priority::WARNING, "134 ", "Failed to load AMD Display Library");
-        return result;
-    }
-    ScopeExit unload(adlwrapper::uninitializeLibrary);
-    if (queryAdapters(result))
-        queryPresentAdapters(result);
+    const Take collect = [&result](const adl::AdapterInfo&, const Records& records) { append(result, records); };
+    queryBothPasses(collect, collect);
     return result;
+}
+
+session::LiveSource enumerateAdlLive(std::bitset<4>&)
+{
+    session::LiveSource live;
+    // ADL lists a GPU once per display output; one adapter index per GPU is read,
+    // the others' records keep what does not change.
+    std::vector<pci::PciLocation> read;
+    const Take first = [&live, &read](const adl::AdapterInfo& info, const Records& records) {
+        for (const auto& record : records) {
+            auto gpu = std::static_pointer_cast<GPU>(record);
+            const pci::PciLocation location = *gpu->pciLocation();
+            if (std::find(read.begin(), read.end(), location) != read.end()) {
+                session::clearReadings(*gpu);
+                live.gpus.push_back({gpu, {}});
+                continue;
+            }
+            read.push_back(location);
+            live.gpus.push_back({gpu, [index = info.iAdapterIndex](GPU& fresh) {
+                                     readTemperatureClocksAndUse(index, fresh);
+                                     readFan(index, fresh);
+                                 }});
+        }
+    };
+    const Take second = [&live](const adl::AdapterInfo&, const Records& records) {
+        for (const auto& record : records)
+            live.gpus.push_back({std::static_pointer_cast<GPU>(record), {}});
+    };
+    // The readings go through the first interface, whose control lives for one
+    // refresh; the session's ADL2 context keeps the driver started meanwhile.
+    const auto bind = [&live] {
+        live.around = [bound = adlBinding()](const std::function<void()>& reads) {
+            const session::BorrowedBinding<adlwrapper::ADLBinding> borrowed(adlBinding(), bound);
+            const adlwrapper::ADLFunctions& f = adlBinding().functions;
+            if (!f.ADL_Main_Control_Create || f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) != adl::ADL_OK)
+                return false;
+            ScopeExit destroy([destroyControl = f.ADL_Main_Control_Destroy] {
+                if (destroyControl)
+                    destroyControl();
+            });
+            reads();
+            return true;
+        };
+    };
+    queryBothPasses(first, second, bind);
+    return live;
 }
 
 } // namespace libKestrel

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 #include "libKestrel/GPU.h"
@@ -37,6 +38,54 @@ std::optional<std::uint64_t> sumOfCounts(const NvmlEccCounts& counts)
     return sum;
 }
 
+using Records = std::vector<std::shared_ptr<IGPU>>;
+
+// The readings that change while the GPU runs, in the order a record reads them.
+void readUtilization(nvml::nvmlDevice_t device, GPU& gpu)
+{
+    const NvmlUtilization utilization = query_GPUAndMemoryUtilization(device);
+    gpu.setUtilizationGPU(utilization.gpu);
+    gpu.setUtilizationMemory(utilization.memory);
+}
+
+void readEccCounts(nvml::nvmlDevice_t device, GPU& gpu)
+{
+    using namespace nvml;
+    gpu.setECCErrorsCorrectedVolatile(
+        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_CORRECTED, NVML_VOLATILE_ECC)));
+    gpu.setECCErrorsUncorrectedVolatile(
+        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_VOLATILE_ECC)));
+    gpu.setECCErrorsCorrectedAggregate(
+        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_CORRECTED, NVML_AGGREGATE_ECC)));
+    gpu.setECCErrorsUncorrectedAggregate(
+        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_AGGREGATE_ECC)));
+}
+
+void readReadings(nvml::nvmlDevice_t device, GPU& gpu)
+{
+    readUtilization(device, gpu);
+    readEccCounts(device, gpu);
+    gpu.setTemperatureCurrent(query_TemperatureCurrent(device));
+    gpu.setFanSpeedPercent(query_FanSpeedPercent(device));
+}
+
+// Initialises NVML, hands every device NVML places on the PCI bus to 'take'
+// with its records, in NVML's order, and shuts NVML down again.
+void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvmlDevice_t, const Records&)>& take);
+
+// Runs 'enumerate' with NVML loaded; false when it cannot be loaded.
+bool withNvmlLoaded(const std::function<void()>& enumerate)
+{
+    if (!initializeLibrary()) {
+        log(site, Priority::WARNING, "195 ", "Failed to load NVML");
+        return false;
+    }
+    // Runs after the enumeration has shut NVML down.
+    ScopeExit release(uninitializeLibrary);
+    enumerate();
+    return true;
+}
+
 } // namespace
 
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& device)
@@ -61,18 +110,9 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& devi
     gpu->setName(query_ProductName(device));
     gpu->setUUID(query_UUID(device));
     gpu->setHardwareAcceleration(true);
-    const NvmlUtilization utilization = query_GPUAndMemoryUtilization(device);
-    gpu->setUtilizationGPU(utilization.gpu);
-    gpu->setUtilizationMemory(utilization.memory);
+    readUtilization(device, *gpu);
     gpu->setVBIOSVersion(query_VBIOSVersionString(device));
-    gpu->setECCErrorsCorrectedVolatile(
-        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_CORRECTED, nvml::NVML_VOLATILE_ECC)));
-    gpu->setECCErrorsUncorrectedVolatile(
-        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_UNCORRECTED, nvml::NVML_VOLATILE_ECC)));
-    gpu->setECCErrorsCorrectedAggregate(
-        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_CORRECTED, nvml::NVML_AGGREGATE_ECC)));
-    gpu->setECCErrorsUncorrectedAggregate(
-        sumOfCounts(query_ECCMemoryErrors(device, nvml::NVML_MEMORY_ERROR_TYPE_UNCORRECTED, nvml::NVML_AGGREGATE_ECC)));
+    readEccCounts(device, *gpu);
     gpu->setTemperatureCurrent(query_TemperatureCurrent(device));
     gpu->setTemperatureSlowdown(query_TemperatureSlowdown(device));
     gpu->setTemperatureShutdown(query_TemperatureShutdown(device));
@@ -83,14 +123,25 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& devi
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& status)
 {
     auto trace = site.trace("queryNVidiaGPUsMultiWorker", 119);
+    Records result;
+    enumerateDevices(status, [&result](nvml::nvmlDevice_t, const Records& records) {
+        result.insert(result.end(), records.begin(), records.end());
+    });
+    return result;
+}
+
+namespace {
+
+void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvmlDevice_t, const Records&)>& take)
+{
     const NVMLFunctions& functions = nvmlBinding().functions;
     if (!functions.nvmlInit_v2) {
         log(site, Priority::WARNING, "124 ", "NvmlInit not available");
-        return {};
+        return;
     }
     if (const nvml::nvmlReturn_t code = functions.nvmlInit_v2(); code != nvml::NVML_SUCCESS) {
         log(site, Priority::WARNING, "131 ", "Could not initialize NVML: ", nvmlErrorText(code));
-        return {};
+        return;
     }
     ScopeExit shutdown([&functions] {
         // A module that initialises but cannot shut down is reported with NVML's
@@ -103,20 +154,19 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& st
 
     if (!functions.nvmlDeviceGetCount_v2) {
         log(site, Priority::WARNING, "146 ", "NvmlDeviceGetCount not available");
-        return {};
+        return;
     }
     unsigned int count = 0;
     if (const nvml::nvmlReturn_t code = functions.nvmlDeviceGetCount_v2(&count); code != nvml::NVML_SUCCESS) {
         log(site, Priority::CRITICAL, "152 ", "Failed to retrieve device count: ", nvmlErrorText(code));
-        return {};
+        return;
     }
     log(site, Priority::TRACE, "158 ", "Enumerated physical NVidia GPU count: ", count);
     if (!functions.nvmlDeviceGetHandleByIndex) {
         log(site, Priority::WARNING, "162 ", "NvmlDeviceGetHandleByIndex not available");
-        return {};
+        return;
     }
 
-    std::vector<std::shared_ptr<IGPU>> result;
     for (unsigned int index = 0; index < std::min(count, maximumDevices); ++index) {
         nvml::nvmlDevice_t device = nullptr;
         if (const nvml::nvmlReturn_t code = functions.nvmlDeviceGetHandleByIndex(index, &device);
@@ -126,22 +176,37 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& st
                 status.set(0);
             continue;
         }
-        const auto records = queryNVidiaGPU(device);
-        result.insert(result.end(), records.begin(), records.end());
+        take(device, queryNVidiaGPU(device));
     }
-    return result;
 }
+
+} // namespace
 
 std::vector<std::shared_ptr<IGPU>> queryNVidiaNvmlGPUsMulti(std::bitset<4>& status)
 {
     auto trace = site.trace("queryNVidiaNvmlGPUsMulti", 189);
-    if (!initializeLibrary()) {
-        log(site, Priority::WARNING, "195 ", "Failed to load NVML");
-        return {};
-    }
-    // Runs after the worker has shut NVML down.
-    ScopeExit release(uninitializeLibrary);
-    return queryNVidiaGPUsMultiWorker(status);
+    Records result;
+    withNvmlLoaded([&] { result = queryNVidiaGPUsMultiWorker(status); });
+    return result;
+}
+
+session::LiveSource enumerateNvmlLive(std::bitset<4>& status)
+{
+    session::LiveSource live;
+    withNvmlLoaded([&] {
+        // NVML stays initialised for the session, so its device handles stay valid.
+        live.around = [bound = nvmlBinding()](const std::function<void()>& reads) {
+            const session::BorrowedBinding<NVMLBinding> borrowed(nvmlBinding(), bound);
+            reads();
+            return true;
+        };
+        enumerateDevices(status, [&live](nvml::nvmlDevice_t device, const Records& records) {
+            for (const auto& record : records)
+                live.gpus.push_back({std::static_pointer_cast<GPU>(record),
+                                     [device](GPU& gpu) { readReadings(device, gpu); }});
+        });
+    });
+    return live;
 }
 
 } // namespace libKestrel

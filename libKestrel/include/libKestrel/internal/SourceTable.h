@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "libKestrel/Query.h"
+#include "libKestrel/internal/session/LiveSource.h"
 
 namespace libKestrel {
 
@@ -13,6 +14,11 @@ namespace libKestrel {
 struct OwnSource {
     const char* name;
     GPUQuerier query;
+    // How a session refreshes the source: through the handles this enumerates
+    // (when given), or by querying it again when its readings change, or not at
+    // all when none of its properties change while the GPU runs.
+    session::LiveEnumerator live;
+    bool readingsChange;
 };
 
 // Every own source, in the order a host would usually list them.

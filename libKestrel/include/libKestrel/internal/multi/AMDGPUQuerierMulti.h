@@ -1,9 +1,11 @@
 #pragma once
 
+#include <bitset>
 #include <memory>
 #include <vector>
 
 #include "libKestrel/IGPU.h"
+#include "libKestrel/internal/session/LiveSource.h"
 #include "libKestrel/vendor/adl.h"
 
 namespace libKestrel {
@@ -14,5 +16,9 @@ std::vector<std::shared_ptr<IGPU>> queryAMDGPU(const adl::AdapterInfo& info);
 // The second pass's record of one ADL adapter, its PCI location only; none when
 // ADL does not report the adapter as present. Makes no ADL call.
 std::vector<std::shared_ptr<IGPU>> queryPresentAMDGPU(const adl::AdapterInfo& info);
+
+// Both passes' records for a session, which holds an ADL2 context: each GPU's
+// changing properties are read again through one of its adapter indices.
+session::LiveSource enumerateAdlLive(std::bitset<4>& status);
 
 } // namespace libKestrel

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "libKestrel/IGPU.h"
+#include "libKestrel/internal/session/LiveSource.h"
 #include "libKestrel/vendor/nvml.h"
 
 namespace libKestrel {
@@ -19,5 +20,9 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& st
 
 // The record of one device (none when NVML gives no PCI location for it).
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& device);
+
+// The same records for a session, which holds NVML initialised: each reads its
+// device's changing properties again through the device's handle.
+session::LiveSource enumerateNvmlLive(std::bitset<4>& status);
 
 } // namespace libKestrel

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <bitset>
+
+#include "libKestrel/internal/session/LiveSource.h"
+
+namespace libKestrel {
+
+// The sysfs source's records for a session: each reads its device's sensor and
+// driver files again.
+session::LiveSource enumerateSysfsLive(std::bitset<4>& status);
+
+} // namespace libKestrel

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <bitset>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "libKestrel/GPU.h"
+
+namespace libKestrel::session {
+
+// Reads one GPU's changing properties (temperature, utilisation, fan speeds,
+// clocks, available memory, ECC counts) again into 'gpu', through the handle
+// its source enumerated it by; what it cannot read it leaves absent.
+using Reader = std::function<void(GPU& gpu)>;
+
+struct LiveGPU {
+    std::shared_ptr<GPU> record; // as enumerated
+    Reader read;                 // empty for a record none of whose properties change
+};
+
+// A source's GPUs as a session keeps them between refreshes.
+struct LiveSource {
+    std::vector<LiveGPU> gpus;
+    // Runs 'reads' with what the readers call through made ready (the vendor's
+    // entries bound, a control created); false, without running them, when the
+    // vendor can no longer be reached.
+    std::function<bool(const std::function<void()>& reads)> around;
+};
+
+// Enumerates one source for a session: its records, each with its reader.
+using LiveEnumerator = LiveSource (*)(std::bitset<4>& status);
+
+// Clears the properties a reader writes, so that what it cannot read is absent.
+void clearReadings(GPU& gpu);
+// Whether any of those properties is present.
+bool hasReadings(const IGPU& gpu);
+
+// Puts 'borrowed' in a vendor's global binding for one refresh's reads and puts
+// back what was there: the entries were looked up at enumeration, and the
+// session's share of the module keeps them valid.
+template <class Binding>
+class BorrowedBinding {
+public:
+    BorrowedBinding(Binding& global, const Binding& borrowed) : global_(global), saved_(global) { global_ = borrowed; }
+    ~BorrowedBinding() { global_ = saved_; }
+    BorrowedBinding(const BorrowedBinding&) = delete;
+    BorrowedBinding& operator=(const BorrowedBinding&) = delete;
+
+private:
+    Binding& global_;
+    Binding saved_;
+};
+
+} // namespace libKestrel::session
