@@ -48,12 +48,16 @@ Module& module()
     return state;
 }
 
-// A fresh look at the scenario, when a client starts ADL.
+// A fresh look at the scenario when a client starts ADL. The driver starts
+// once: while a control or context is open, another is cheap, and sees the
+// scenario again only when a new one was set.
 void reloadMachine()
 {
+    const bool started = module().controls > 0 || !module().contexts.empty();
+    if (started && !sim::scenarioChanged())
+        return;
     sim::reload();
-    // The driver starts once: while a control or context is open, another is cheap.
-    if (module().controls == 0 && module().contexts.empty())
+    if (!started)
         sim::initLatency("adl");
     module().machine = sim::adl::readMachine(sim::scenario());
 }

@@ -271,7 +271,7 @@ session::LiveSource enumerateAdlLive(std::bitset<4>&)
     // refresh; the session's ADL2 context keeps the driver started meanwhile.
     const auto bind = [&live] {
         live.around = [bound = adlBinding()](const std::function<void()>& reads) {
-            const session::BorrowedBinding<adlwrapper::ADLBinding> borrowed(adlBinding(), bound);
+            const session::BorrowedEntries<adlwrapper::ADLFunctions> borrowed(adlBinding().functions, bound.functions);
             const adlwrapper::ADLFunctions& f = adlBinding().functions;
             if (!f.ADL_Main_Control_Create || f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) != adl::ADL_OK)
                 return false;

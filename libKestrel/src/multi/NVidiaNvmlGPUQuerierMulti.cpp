@@ -196,7 +196,7 @@ session::LiveSource enumerateNvmlLive(std::bitset<4>& status)
     withNvmlLoaded([&] {
         // NVML stays initialised for the session, so its device handles stay valid.
         live.around = [bound = nvmlBinding()](const std::function<void()>& reads) {
-            const session::BorrowedBinding<NVMLBinding> borrowed(nvmlBinding(), bound);
+            const session::BorrowedEntries<NVMLFunctions> borrowed(nvmlBinding().functions, bound.functions);
             reads();
             return true;
         };

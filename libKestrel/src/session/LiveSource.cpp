@@ -1,35 +1,51 @@
 #include "libKestrel/internal/session/LiveSource.h"
 
+#include "libKestrel/internal/Kestrel.h"
+
 namespace libKestrel::session {
 
-// The properties that change while a GPU runs, as (getter, setter).
+// The properties that change while a GPU runs, as (getter, setter, merge rule).
 #define LIBKESTREL_READINGS(X)                                                                          \
-    X(availableDedicatedMemory, setAvailableDedicatedMemory)                                          \
-    X(graphicsClock, setGraphicsClock)                                                                \
-    X(memoryClock, setMemoryClock)                                                                    \
-    X(shaderClock, setShaderClock)                                                                    \
-    X(eccErrorsCorrectedVolatile, setECCErrorsCorrectedVolatile)                                      \
-    X(eccErrorsUncorrectedVolatile, setECCErrorsUncorrectedVolatile)                                  \
-    X(eccErrorsCorrectedAggregate, setECCErrorsCorrectedAggregate)                                    \
-    X(eccErrorsUncorrectedAggregate, setECCErrorsUncorrectedAggregate)                                \
-    X(utilizationGPU, setUtilizationGPU)                                                              \
-    X(utilizationMemory, setUtilizationMemory)                                                        \
-    X(temperatureCurrent, setTemperatureCurrent)                                                      \
-    X(fanSpeedPercent, setFanSpeedPercent)                                                            \
-    X(fanSpeedRPM, setFanSpeedRPM)
+    X(availableDedicatedMemory, setAvailableDedicatedMemory, mergeMemory)                             \
+    X(graphicsClock, setGraphicsClock, mergeClockFrequencies)                                         \
+    X(memoryClock, setMemoryClock, mergeClockFrequencies)                                             \
+    X(shaderClock, setShaderClock, mergeClockFrequencies)                                             \
+    X(eccErrorsCorrectedVolatile, setECCErrorsCorrectedVolatile, mergeECCErrorCounts)                 \
+    X(eccErrorsUncorrectedVolatile, setECCErrorsUncorrectedVolatile, mergeECCErrorCounts)             \
+    X(eccErrorsCorrectedAggregate, setECCErrorsCorrectedAggregate, mergeECCErrorCounts)               \
+    X(eccErrorsUncorrectedAggregate, setECCErrorsUncorrectedAggregate, mergeECCErrorCounts)           \
+    X(utilizationGPU, setUtilizationGPU, mergeUtilizationPercent)                                     \
+    X(utilizationMemory, setUtilizationMemory, mergeUtilizationPercent)                               \
+    X(temperatureCurrent, setTemperatureCurrent, mergeTemperature)                                    \
+    X(fanSpeedPercent, setFanSpeedPercent, mergeFanSpeed)                                             \
+    X(fanSpeedRPM, setFanSpeedRPM, mergeFanSpeed)
 
 void clearReadings(GPU& gpu)
 {
-#define LIBKESTREL_CLEAR(getter, setter) gpu.setter(std::nullopt);
+#define LIBKESTREL_CLEAR(getter, setter, merge) gpu.setter(std::nullopt);
     LIBKESTREL_READINGS(LIBKESTREL_CLEAR)
 #undef LIBKESTREL_CLEAR
 }
 
 bool hasReadings(const IGPU& gpu)
 {
-#define LIBKESTREL_PRESENT(getter, setter) || gpu.getter().has_value()
+#define LIBKESTREL_PRESENT(getter, setter, merge) || gpu.getter().has_value()
     return false LIBKESTREL_READINGS(LIBKESTREL_PRESENT);
 #undef LIBKESTREL_PRESENT
+}
+
+void takeReadings(GPU& into, const IGPU& from)
+{
+#define LIBKESTREL_TAKE(getter, setter, merge) into.setter(from.getter());
+    LIBKESTREL_READINGS(LIBKESTREL_TAKE)
+#undef LIBKESTREL_TAKE
+}
+
+void foldReadings(GPU& into, const IGPU& from)
+{
+#define LIBKESTREL_FOLD(getter, setter, merge) into.setter(merge(into.getter(), from.getter()));
+    LIBKESTREL_READINGS(LIBKESTREL_FOLD)
+#undef LIBKESTREL_FOLD
 }
 
 #undef LIBKESTREL_READINGS

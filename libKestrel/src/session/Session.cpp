@@ -25,22 +25,31 @@ struct Kept {
     const OwnSource* own = nullptr; // null for a host's own source
     std::unique_ptr<session::VendorHold> hold;
     std::optional<session::LiveSource> live; // for a source read through handles
-    std::vector<bool> silent;                // per live GPU: reported as no longer answering
-    Records records;                         // of the last enumeration or refresh
-    bool enumerated = false;                 // its last enumeration worked
+    // Per live GPU: its last readings (only the readings are set), whether it
+    // was reported as no longer answering, and its place among the merged GPUs.
+    std::vector<GPU> readings;
+    std::vector<bool> silent;
+    std::vector<std::size_t> merged;
+    Records records; // of the last enumeration or refresh
+    bool enumerated = false; // its last enumeration worked
     bool up = false;
 
     const char* name() const { return own ? own->name : "host"; }
+    // A source whose records a refresh does not replace, only reads into.
+    bool kept() const { return live || (own && !own->readingsChange); }
 };
 
 void enumerate(Kept& kept, std::bitset<4>& status)
 {
     kept.records.clear();
+    kept.readings.clear();
     if (kept.own && kept.own->live) {
         kept.live = kept.own->live(status);
         kept.silent.assign(kept.live->gpus.size(), false);
-        for (const session::LiveGPU& gpu : kept.live->gpus)
+        for (const session::LiveGPU& gpu : kept.live->gpus) {
             kept.records.push_back(gpu.record);
+            kept.readings.emplace_back(*gpu.record->pciLocation());
+        }
     } else {
         kept.records = kept.query(status);
     }
@@ -48,43 +57,49 @@ void enumerate(Kept& kept, std::bitset<4>& status)
     kept.up = kept.enumerated;
 }
 
-// Reads each GPU's changing properties again into a copy of its record. A GPU
-// that stops answering is reported once, and its readings stay absent until it
-// answers again.
+// Reads each GPU's changing properties again. A GPU that stops answering is
+// reported once, and its readings stay absent until it answers again.
 void readAgain(Kept& kept)
 {
     const session::LiveSource& live = *kept.live;
-    std::vector<std::shared_ptr<GPU>> fresh;
-    fresh.reserve(live.gpus.size());
-    for (const session::LiveGPU& gpu : live.gpus) {
-        fresh.push_back(std::make_shared<GPU>(*gpu.record));
-        if (gpu.read)
-            session::clearReadings(*fresh.back());
-    }
+    for (GPU& readings : kept.readings)
+        session::clearReadings(readings);
     const bool reached = live.around && live.around([&] {
-        for (std::size_t i = 0; i < fresh.size(); ++i)
+        for (std::size_t i = 0; i < live.gpus.size(); ++i)
             if (live.gpus[i].read)
-                live.gpus[i].read(*fresh[i]);
+                live.gpus[i].read(kept.readings[i]);
     });
     std::size_t readers = 0;
     std::size_t silent = 0;
-    for (std::size_t i = 0; i < fresh.size(); ++i) {
+    for (std::size_t i = 0; i < live.gpus.size(); ++i) {
         if (!live.gpus[i].read)
             continue;
         ++readers;
-        const bool answered = reached && session::hasReadings(*fresh[i]);
+        const pci::PciLocation location = *kept.readings[i].pciLocation();
+        const bool answered = reached && session::hasReadings(kept.readings[i]);
         if (!answered && session::hasReadings(*live.gpus[i].record) && !kept.silent[i]) {
-            log(site, Priority::WARNING, "41 ", "GPU no longer answers, its readings are left out: ",
-                *fresh[i]->pciLocation(), " (", kept.name(), ")");
+            log(site, Priority::WARNING, "41 ", "GPU no longer answers, its readings are left out: ", location, " (",
+                kept.name(), ")");
             kept.silent[i] = true;
         } else if (answered && kept.silent[i]) {
-            log(site, Priority::INFO, "48 ", "GPU answers again: ", *fresh[i]->pciLocation(), " (", kept.name(), ")");
+            log(site, Priority::INFO, "48 ", "GPU answers again: ", location, " (", kept.name(), ")");
             kept.silent[i] = false;
         }
         silent += kept.silent[i] ? 1 : 0;
     }
-    kept.records.assign(fresh.begin(), fresh.end());
     kept.up = kept.enumerated && reached && (readers == 0 || silent < readers);
+}
+
+// The source's records with the readings just read.
+void takeReadings(Kept& kept)
+{
+    for (std::size_t i = 0; i < kept.live->gpus.size(); ++i) {
+        if (!kept.live->gpus[i].read)
+            continue;
+        auto gpu = std::make_shared<GPU>(*kept.live->gpus[i].record);
+        session::takeReadings(*gpu, kept.readings[i]);
+        kept.records[i] = gpu;
+    }
 }
 
 } // namespace
@@ -94,23 +109,73 @@ struct Session::State {
     bool closed = false;
     std::vector<Kept> kept; // in the order given; released in reverse
     std::bitset<4> enumerationStatus;
+    // When every source is kept, a refresh folds the new readings into the
+    // records merged at enumeration instead of merging everything again: the
+    // readings' merge rules keep the larger or smaller value, in any order.
+    bool keptOnly = false;
+    Records enumerated;       // merged at the last enumeration
+    std::vector<GPU> unread;  // per merged GPU: the readings of its records that are not read again
 
     mutable std::mutex reading; // guards the snapshot below
-    std::vector<std::shared_ptr<IGPU>> gpus;
+    Records gpus;
     std::bitset<4> status;
     std::vector<Source> sources;
     std::chrono::nanoseconds duration{0};
 
-    // Merges the sources' records and makes them the snapshot readers see.
-    void publish(std::chrono::steady_clock::time_point start, std::bitset<4> lastStatus)
+    Records all() const
     {
-        Records all;
-        std::vector<Source> states;
-        for (const Kept& source : kept) {
-            all.insert(all.end(), source.records.begin(), source.records.end());
-            states.push_back({source.name(), source.up});
+        Records records;
+        for (const Kept& source : kept)
+            records.insert(records.end(), source.records.begin(), source.records.end());
+        return records;
+    }
+
+    // Where each record of the sources went among the merged GPUs, and what the
+    // records that are not read again say of the readings.
+    void placeRecords()
+    {
+        unread.clear();
+        for (const auto& gpu : enumerated)
+            unread.emplace_back(*gpu->pciLocation());
+        for (Kept& source : kept) {
+            source.merged.clear();
+            for (std::size_t i = 0; i < source.records.size(); ++i) {
+                const IGPU& record = *source.records[i];
+                const auto same = std::find_if(enumerated.begin(), enumerated.end(),
+                                               [&record](const auto& gpu) { return gpu->isSameGPU(record); });
+                const auto place = static_cast<std::size_t>(same - enumerated.begin());
+                source.merged.push_back(place);
+                const bool read = source.live && source.live->gpus[i].read;
+                if (!read && place < unread.size())
+                    session::foldReadings(unread[place], record);
+            }
         }
-        auto merged = mergeGPUs(all);
+    }
+
+    // The merged records of the enumeration with the readings just read.
+    Records foldReadings() const
+    {
+        Records merged;
+        std::vector<GPU*> writable;
+        for (std::size_t j = 0; j < enumerated.size(); ++j) {
+            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*enumerated[j]));
+            session::takeReadings(*gpu, unread[j]);
+            writable.push_back(gpu.get());
+            merged.push_back(std::move(gpu));
+        }
+        for (const Kept& source : kept)
+            for (std::size_t i = 0; source.live && i < source.live->gpus.size(); ++i)
+                if (source.live->gpus[i].read && source.merged[i] < writable.size())
+                    session::foldReadings(*writable[source.merged[i]], source.readings[i]);
+        return merged;
+    }
+
+    // Makes 'merged' the snapshot readers see.
+    void publish(Records merged, std::chrono::steady_clock::time_point start, std::bitset<4> lastStatus)
+    {
+        std::vector<Source> states;
+        for (const Kept& source : kept)
+            states.push_back({source.name(), source.up});
         const auto took = std::chrono::steady_clock::now() - start;
         std::lock_guard<std::mutex> lock(reading);
         gpus = std::move(merged);
@@ -146,10 +211,12 @@ void Session::refresh()
     for (Kept& kept : state_->kept) {
         if (kept.live)
             readAgain(kept);
-        else if (!kept.own || kept.own->readingsChange)
+        if (!state_->keptOnly && kept.live)
+            takeReadings(kept);
+        else if (!kept.kept())
             kept.records = kept.query(status); // no handles to read through: the source runs again
     }
-    state_->publish(start, status);
+    state_->publish(state_->keptOnly ? state_->foldReadings() : mergeGPUs(state_->all()), start, status);
 }
 
 void Session::rescan()
@@ -164,7 +231,11 @@ void Session::rescan()
     for (Kept& kept : state_->kept)
         enumerate(kept, status);
     state_->enumerationStatus = status;
-    state_->publish(start, status);
+    state_->enumerated = mergeGPUs(state_->all());
+    state_->keptOnly = std::all_of(state_->kept.begin(), state_->kept.end(), [](const Kept& kept) { return kept.kept(); });
+    if (state_->keptOnly)
+        state_->placeRecords();
+    state_->publish(state_->enumerated, start, status);
 }
 
 void Session::close()

@@ -35,21 +35,26 @@ using LiveEnumerator = LiveSource (*)(std::bitset<4>& status);
 void clearReadings(GPU& gpu);
 // Whether any of those properties is present.
 bool hasReadings(const IGPU& gpu);
+// Sets those properties of 'into' to those of 'from', absent ones included.
+void takeReadings(GPU& into, const IGPU& from);
+// Merges those properties of 'from' into 'into', each by its merge rule. The
+// rules keep the larger or smaller value, so the order of folding is free.
+void foldReadings(GPU& into, const IGPU& from);
 
-// Puts 'borrowed' in a vendor's global binding for one refresh's reads and puts
-// back what was there: the entries were looked up at enumeration, and the
-// session's share of the module keeps them valid.
-template <class Binding>
-class BorrowedBinding {
+// Puts a vendor's entries, looked up at enumeration, in its global binding for
+// one refresh's reads, and puts back what was there. The session's share of the
+// module keeps the entries valid; only the table of pointers is copied.
+template <class Entries>
+class BorrowedEntries {
 public:
-    BorrowedBinding(Binding& global, const Binding& borrowed) : global_(global), saved_(global) { global_ = borrowed; }
-    ~BorrowedBinding() { global_ = saved_; }
-    BorrowedBinding(const BorrowedBinding&) = delete;
-    BorrowedBinding& operator=(const BorrowedBinding&) = delete;
+    BorrowedEntries(Entries& global, const Entries& borrowed) : global_(global), saved_(global) { global_ = borrowed; }
+    ~BorrowedEntries() { global_ = saved_; }
+    BorrowedEntries(const BorrowedEntries&) = delete;
+    BorrowedEntries& operator=(const BorrowedEntries&) = delete;
 
 private:
-    Binding& global_;
-    Binding saved_;
+    Entries& global_;
+    Entries saved_;
 };
 
 } // namespace libKestrel::session

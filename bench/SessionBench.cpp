@@ -1,0 +1,210 @@
+// What a session's refresh costs, wall time, against the vendor calls it makes
+// made directly, and against a one-shot query of the same sources: for the
+// simulated workstation, a simulated machine of 16 GPUs, and the workstation
+// with drivers that take 250 ms to start.
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "SimulatedMachine.h"
+#include "libKestrel/Query.h"
+#include "libKestrel/Session.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/vendor/adl.h"
+#include "libKestrel/vendor/nvml.h"
+#include "state/SimulatorState.h"
+
+namespace {
+
+using kestrel::bench::SimulatedModules;
+using kestrel::bench::simulatedModules;
+namespace adl = libKestrel::adl;
+namespace nvml = libKestrel::nvml;
+
+// The sources a Linux machine with NVIDIA and AMD drivers has.
+const std::vector<libKestrel::GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti,
+                                                     libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti};
+
+std::string workstation()
+{
+    std::ifstream file(KESTREL_WORKSTATION);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// Eight NVIDIA cards (NVML and CUDA) and eight AMD cards (ADL, three adapters each).
+std::string sixteenGpus()
+{
+    std::string gpus;
+    for (int i = 0; i < 8; ++i) {
+        const std::string n = std::to_string(i);
+        gpus += R"({"name": "NVIDIA )" + n + R"(", "pci": {"bus": )" + std::to_string(100 + i) +
+                R"(}, "nvml": {"temperature": 5)" + n + R"(, "utilization": {"gpu": 1)" + n +
+                R"(, "memory": 3}, "fanSpeed": 40, "ecc": {"corrected": {"volatile": {}, "aggregate": {}},)"
+                R"( "uncorrected": {"volatile": {}, "aggregate": {}}}}, "cuda": {}}, )";
+        gpus += R"({"name": "Radeon )" + n + R"(", "pci": {"bus": )" + std::to_string(10 + i) +
+                R"(}, "adl": {"adapters": 3, "overdrive5": {"temperature": 6)" + n +
+                R"(000}, "overdrive6": {"engineClock": 215500, "memoryClock": 200000, "activity": 7,)"
+                R"( "fan": {"percent": 22, "rpm": 980}}}})" + (i < 7 ? ", " : "");
+    }
+    return R"({"gpus": [)" + gpus + "]}";
+}
+
+// The workstation whose NVML, CUDA driver and ADL each take 250 ms to start.
+std::string slowWorkstation()
+{
+    std::string scenario = workstation();
+    const std::string latency = R"("initLatencyMs": 250, )";
+    for (const char* section : {"\"nvml\": { ", "\"cudaDriver\": { "})
+        scenario.insert(scenario.find(section) + std::string(section).size(), latency);
+    scenario.insert(scenario.find('{') + 1, R"( "adl": { "initLatencyMs": 250 },)");
+    return scenario;
+}
+
+enum MachineKind { Workstation, Sixteen, SlowWorkstation };
+
+// The machine of a benchmark's argument, in force while it lives.
+class Machine {
+public:
+    explicit Machine(const benchmark::State& state)
+    {
+        simulatedModules();
+        const auto kind = static_cast<MachineKind>(state.range(0));
+        const std::string scenario =
+            kind == Sixteen ? sixteenGpus() : kind == SlowWorkstation ? slowWorkstation() : workstation();
+        kestrelSimSetScenario(scenario.c_str());
+    }
+    ~Machine() { kestrelSimSetScenario(nullptr); }
+};
+
+void BM_OneShotQuery(benchmark::State& state)
+{
+    const Machine machine(state);
+    for (auto _ : state) {
+        std::bitset<4> status;
+        benchmark::DoNotOptimize(libKestrel::queryAllGPUs({}, sources, status));
+    }
+}
+
+void BM_SessionRefresh(benchmark::State& state)
+{
+    const Machine machine(state);
+    libKestrel::Session session(sources);
+    for (auto _ : state)
+        session.refresh();
+}
+
+void* allocate(int size) { return std::malloc(static_cast<std::size_t>(size)); }
+
+// The readings a refresh gives, read by calling the simulated NVML and ADL
+// directly, with both kept open and the devices and adapters enumerated once:
+// per NVIDIA GPU utilisation, four ECC counts, temperature and fan speed; per
+// AMD GPU temperature, current status and fan speed.
+class DirectCalls {
+public:
+    explicit DirectCalls(const SimulatedModules& sim)
+    {
+        const auto nvmlEntry = [&sim](const char* name) { return sim.entry<void*>(SimulatedModules::nvml, name); };
+        const auto adlEntry = [&sim](const char* name) { return sim.entry<void*>(SimulatedModules::adl, name); };
+        nvmlInit = reinterpret_cast<nvml::PFN_nvmlInit_v2>(nvmlEntry("nvmlInit_v2"));
+        nvmlShutdown = reinterpret_cast<nvml::PFN_nvmlShutdown>(nvmlEntry("nvmlShutdown"));
+        utilization = reinterpret_cast<nvml::PFN_nvmlDeviceGetUtilizationRates>(nvmlEntry("nvmlDeviceGetUtilizationRates"));
+        ecc = reinterpret_cast<nvml::PFN_nvmlDeviceGetDetailedEccErrors>(nvmlEntry("nvmlDeviceGetDetailedEccErrors"));
+        temperature = reinterpret_cast<nvml::PFN_nvmlDeviceGetTemperature>(nvmlEntry("nvmlDeviceGetTemperature"));
+        fan = reinterpret_cast<nvml::PFN_nvmlDeviceGetFanSpeed>(nvmlEntry("nvmlDeviceGetFanSpeed"));
+        create = reinterpret_cast<adl::PFN_ADL_Main_Control_Create>(adlEntry("ADL_Main_Control_Create"));
+        destroy = reinterpret_cast<adl::PFN_ADL_Main_Control_Destroy>(adlEntry("ADL_Main_Control_Destroy"));
+        odTemperature = reinterpret_cast<adl::PFN_ADL_Overdrive5_Temperature_Get>(adlEntry("ADL_Overdrive5_Temperature_Get"));
+        odStatus = reinterpret_cast<adl::PFN_ADL_Overdrive6_CurrentStatus_Get>(adlEntry("ADL_Overdrive6_CurrentStatus_Get"));
+        odFan = reinterpret_cast<adl::PFN_ADL_Overdrive6_FanSpeed_Get>(adlEntry("ADL_Overdrive6_FanSpeed_Get"));
+
+        nvmlInit();
+        unsigned int count = 0;
+        reinterpret_cast<nvml::PFN_nvmlDeviceGetCount_v2>(nvmlEntry("nvmlDeviceGetCount_v2"))(&count);
+        devices.resize(count);
+        for (unsigned int i = 0; i < count; ++i)
+            reinterpret_cast<nvml::PFN_nvmlDeviceGetHandleByIndex>(nvmlEntry("nvmlDeviceGetHandleByIndex"))(i, &devices[i]);
+
+        create(allocate, 1);
+        int adapters = 0;
+        reinterpret_cast<adl::PFN_ADL_Adapter_NumberOfAdapters_Get>(adlEntry("ADL_Adapter_NumberOfAdapters_Get"))(&adapters);
+        std::vector<adl::AdapterInfo> info(static_cast<std::size_t>(adapters));
+        reinterpret_cast<adl::PFN_ADL_Adapter_AdapterInfo_Get>(adlEntry("ADL_Adapter_AdapterInfo_Get"))(
+            info.data(), adapters * static_cast<int>(sizeof(adl::AdapterInfo)));
+        for (const adl::AdapterInfo& adapter : info) // the first adapter of each GPU
+            if (indices.empty() || adapter.iBusNumber != info[static_cast<std::size_t>(indices.back().second)].iBusNumber)
+                indices.emplace_back(adapter.iAdapterIndex, &adapter - info.data());
+    }
+    ~DirectCalls()
+    {
+        destroy();
+        nvmlShutdown();
+    }
+
+    void read()
+    {
+        for (nvml::nvmlDevice_t device : devices) {
+            nvml::nvmlUtilization_t rates{};
+            utilization(device, &rates);
+            nvml::nvmlEccErrorCounts_t counts{};
+            for (auto type : {nvml::NVML_MEMORY_ERROR_TYPE_CORRECTED, nvml::NVML_MEMORY_ERROR_TYPE_UNCORRECTED})
+                for (auto counter : {nvml::NVML_VOLATILE_ECC, nvml::NVML_AGGREGATE_ECC})
+                    ecc(device, type, counter, &counts);
+            unsigned int value = 0;
+            temperature(device, nvml::NVML_TEMPERATURE_GPU, &value);
+            fan(device, &value);
+            benchmark::DoNotOptimize(value);
+        }
+        for (const auto& [index, position] : indices) {
+            adl::ADLTemperature degrees{};
+            degrees.iSize = sizeof degrees;
+            odTemperature(index, 0, &degrees);
+            adl::ADLOD6CurrentStatus status{};
+            odStatus(index, &status);
+            adl::ADLOD6FanSpeedInfo speed{};
+            speed.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
+            odFan(index, &speed);
+            benchmark::DoNotOptimize(status);
+        }
+    }
+
+private:
+    nvml::PFN_nvmlInit_v2 nvmlInit;
+    nvml::PFN_nvmlShutdown nvmlShutdown;
+    nvml::PFN_nvmlDeviceGetUtilizationRates utilization;
+    nvml::PFN_nvmlDeviceGetDetailedEccErrors ecc;
+    nvml::PFN_nvmlDeviceGetTemperature temperature;
+    nvml::PFN_nvmlDeviceGetFanSpeed fan;
+    adl::PFN_ADL_Main_Control_Create create;
+    adl::PFN_ADL_Main_Control_Destroy destroy;
+    adl::PFN_ADL_Overdrive5_Temperature_Get odTemperature;
+    adl::PFN_ADL_Overdrive6_CurrentStatus_Get odStatus;
+    adl::PFN_ADL_Overdrive6_FanSpeed_Get odFan;
+    std::vector<nvml::nvmlDevice_t> devices;
+    std::vector<std::pair<int, std::ptrdiff_t>> indices; // adapter index, place in ADL's list
+};
+
+void BM_DirectVendorCalls(benchmark::State& state)
+{
+    const Machine machine(state);
+    DirectCalls calls(simulatedModules());
+    for (auto _ : state)
+        calls.read();
+}
+
+void machines(benchmark::internal::Benchmark* benchmark)
+{
+    benchmark->ArgName("machine")->Arg(Workstation)->Arg(Sixteen)->Unit(benchmark::kMicrosecond)->UseRealTime();
+}
+
+BENCHMARK(BM_DirectVendorCalls)->Apply(machines);
+BENCHMARK(BM_SessionRefresh)->Apply(machines);
+BENCHMARK(BM_OneShotQuery)->Apply(machines);
+BENCHMARK(BM_SessionRefresh)->Arg(SlowWorkstation)->ArgName("slow")->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_OneShotQuery)->Arg(SlowWorkstation)->ArgName("slow")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+
+} // namespace
