@@ -12,8 +12,20 @@ tova::Logger* LogSite::logger()
     return current;
 }
 
+namespace {
+
+// How many quiet scopes this thread is in.
+thread_local int quietScopes = 0;
+
+} // namespace
+
+QuietScope::QuietScope() { ++quietScopes; }
+QuietScope::~QuietScope() { --quietScopes; }
+
 tova::Logger* LogSite::loggerAllowing(Priority::LOGGER_PRIORITY priority)
 {
+    if (quietScopes > 0)
+        return nullptr;
     tova::Logger* current = logger();
     if (current->priority > priority)
         return nullptr;
@@ -24,6 +36,8 @@ tova::Logger* LogSite::loggerAllowing(Priority::LOGGER_PRIORITY priority)
 
 tova::Logger* LogSite::tracingLogger()
 {
+    if (quietScopes > 0)
+        return nullptr;
     tova::Logger* current = logger();
     return current->priority <= Priority::TRACE ? current : nullptr;
 }

@@ -258,7 +258,11 @@ session::LiveSource enumerateAdlLive(std::bitset<4>&)
             }
             read.push_back(location);
             live.gpus.push_back({gpu, [index = info.iAdapterIndex](GPU& fresh) {
-                                     readTemperatureClocksAndUse(index, fresh);
+                                     fresh.setTemperatureCurrent(query_TemperatureCurrent(index));
+                                     const AMDActivity activity = query_Activity(index);
+                                     fresh.setGraphicsClock(activity.clocks.engine);
+                                     fresh.setMemoryClock(activity.clocks.memory);
+                                     fresh.setUtilizationGPU(activity.utilization);
                                      readFan(index, fresh);
                                  }});
         }

@@ -34,6 +34,13 @@ bool hasReadings(const IGPU& gpu)
 #undef LIBKESTREL_PRESENT
 }
 
+bool sameReadings(const IGPU& one, const IGPU& other)
+{
+#define LIBKESTREL_SAME(getter, setter, merge) &&one.getter() == other.getter()
+    return true LIBKESTREL_READINGS(LIBKESTREL_SAME);
+#undef LIBKESTREL_SAME
+}
+
 void takeReadings(GPU& into, const IGPU& from)
 {
 #define LIBKESTREL_TAKE(getter, setter, merge) into.setter(from.getter());
@@ -43,7 +50,13 @@ void takeReadings(GPU& into, const IGPU& from)
 
 void foldReadings(GPU& into, const IGPU& from)
 {
-#define LIBKESTREL_FOLD(getter, setter, merge) into.setter(merge(into.getter(), from.getter()));
+// The rule decides only when both have the property; otherwise the present one
+// stands, as every rule has it.
+#define LIBKESTREL_FOLD(getter, setter, merge)                                                          \
+    if (into.getter() && from.getter())                                                               \
+        into.setter(merge(into.getter(), from.getter()));                                             \
+    else if (from.getter())                                                                           \
+        into.setter(from.getter());
     LIBKESTREL_READINGS(LIBKESTREL_FOLD)
 #undef LIBKESTREL_FOLD
 }

@@ -65,9 +65,15 @@ void readAgain(Kept& kept)
     for (GPU& readings : kept.readings)
         session::clearReadings(readings);
     const bool reached = live.around && live.around([&] {
-        for (std::size_t i = 0; i < live.gpus.size(); ++i)
-            if (live.gpus[i].read)
-                live.gpus[i].read(kept.readings[i]);
+        for (std::size_t i = 0; i < live.gpus.size(); ++i) {
+            if (!live.gpus[i].read)
+                continue;
+            // Its vendor said why when it stopped answering; not again at every refresh.
+            std::optional<logging::QuietScope> quiet;
+            if (kept.silent[i])
+                quiet.emplace();
+            live.gpus[i].read(kept.readings[i]);
+        }
     });
     std::size_t readers = 0;
     std::size_t silent = 0;
@@ -115,6 +121,7 @@ struct Session::State {
     bool keptOnly = false;
     Records enumerated;       // merged at the last enumeration
     std::vector<GPU> unread;  // per merged GPU: the readings of its records that are not read again
+    std::vector<GPU> folded;  // per merged GPU: the readings of the last refresh
 
     mutable std::mutex reading; // guards the snapshot below
     Records gpus;
@@ -135,8 +142,11 @@ struct Session::State {
     void placeRecords()
     {
         unread.clear();
-        for (const auto& gpu : enumerated)
+        folded.clear();
+        for (const auto& gpu : enumerated) {
             unread.emplace_back(*gpu->pciLocation());
+            folded.emplace_back(*gpu->pciLocation());
+        }
         for (Kept& source : kept) {
             source.merged.clear();
             for (std::size_t i = 0; i < source.records.size(); ++i) {
@@ -152,21 +162,27 @@ struct Session::State {
         }
     }
 
-    // The merged records of the enumeration with the readings just read.
-    Records foldReadings() const
+    // The merged records of the enumeration with the readings just read. A GPU
+    // whose readings did not change keeps the record readers already have.
+    Records foldReadings()
     {
-        Records merged;
-        std::vector<GPU*> writable;
-        for (std::size_t j = 0; j < enumerated.size(); ++j) {
-            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*enumerated[j]));
-            session::takeReadings(*gpu, unread[j]);
-            writable.push_back(gpu.get());
-            merged.push_back(std::move(gpu));
-        }
+        for (std::size_t j = 0; j < enumerated.size(); ++j)
+            session::takeReadings(folded[j], unread[j]);
         for (const Kept& source : kept)
             for (std::size_t i = 0; source.live && i < source.live->gpus.size(); ++i)
-                if (source.live->gpus[i].read && source.merged[i] < writable.size())
-                    session::foldReadings(*writable[source.merged[i]], source.readings[i]);
+                if (source.live->gpus[i].read && source.merged[i] < folded.size())
+                    session::foldReadings(folded[source.merged[i]], source.readings[i]);
+        Records merged;
+        merged.reserve(enumerated.size());
+        for (std::size_t j = 0; j < enumerated.size(); ++j) {
+            if (j < gpus.size() && session::sameReadings(*gpus[j], folded[j])) {
+                merged.push_back(gpus[j]);
+                continue;
+            }
+            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*enumerated[j]));
+            session::takeReadings(*gpu, folded[j]);
+            merged.push_back(std::move(gpu));
+        }
         return merged;
     }
 

@@ -18,6 +18,18 @@ namespace libKestrel::logging {
 
 using Priority = tova::LoggerPriority;
 
+// Holds back every message of this thread while it lives: a session reading a
+// GPU it has already reported as not answering, whose vendor would say the same
+// at every refresh. Tested after the process-wide threshold, so a message that
+// threshold stops still costs one load.
+class QuietScope {
+public:
+    QuietScope();
+    ~QuietScope();
+    QuietScope(const QuietScope&) = delete;
+    QuietScope& operator=(const QuietScope&) = delete;
+};
+
 // The logging state of one source file: its logger name, its path for trace
 // lines, and the logger itself, created on the file's first enabled message.
 // Constant-initialised, so a site is usable from any static initialiser.

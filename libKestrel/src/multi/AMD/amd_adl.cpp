@@ -123,19 +123,43 @@ std::optional<bool> query_Crossfire(int adapterIndex)
     return enabled;
 }
 
-AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
+namespace {
+
+// The adapter's current status, for its clocks (and its activity).
+std::optional<adl::ADLOD6CurrentStatus> currentStatus(int adapterIndex)
 {
-    auto trace = site.trace("query_ClockFrequencies", 119);
     adl::ADLOD6CurrentStatus status{};
     if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
                  {"177 ", "Overdrive6_CurrentStatus_Get not available"},
                  {"186 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
-        return {};
+        return std::nullopt;
     log(site, Priority::TRACE, "192 ", "Engine clock (ten-kHz): ", status.iEngineClock);
     log(site, Priority::TRACE, "193 ", "Memory clock (ten-kHz): ", status.iMemoryClock);
+    return status;
+}
+
+AMDClockFrequencies clocksOf(const adl::ADLOD6CurrentStatus& status)
+{
     // ADL counts in units of 10 kHz.
     return {reading<std::uint32_t>(status.iEngineClock, "Engine clock (ten-kHz): ", 10),
             reading<std::uint32_t>(status.iMemoryClock, "Memory clock (ten-kHz): ", 10)};
+}
+
+} // namespace
+
+AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
+{
+    auto trace = site.trace("query_ClockFrequencies", 119);
+    const auto status = currentStatus(adapterIndex);
+    return status ? clocksOf(*status) : AMDClockFrequencies{};
+}
+
+AMDActivity query_Activity(int adapterIndex)
+{
+    const auto status = currentStatus(adapterIndex);
+    if (!status)
+        return {};
+    return {clocksOf(*status), reading<std::uint32_t>(status->iActivityPercent, "GPU utilization: ")};
 }
 
 std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)

@@ -35,6 +35,8 @@ using LiveEnumerator = LiveSource (*)(std::bitset<4>& status);
 void clearReadings(GPU& gpu);
 // Whether any of those properties is present.
 bool hasReadings(const IGPU& gpu);
+// Whether both have the same of those properties, absent ones included.
+bool sameReadings(const IGPU& one, const IGPU& other);
 // Sets those properties of 'into' to those of 'from', absent ones included.
 void takeReadings(GPU& into, const IGPU& from);
 // Merges those properties of 'from' into 'into', each by its merge rule. The

@@ -31,6 +31,13 @@ std::optional<std::uint64_t> query_TemperatureCurrent(int adapterIndex);
 // Whether the adapter's preferred CrossFire combination is supported.
 std::optional<bool> query_Crossfire(int adapterIndex);
 AMDClockFrequencies query_ClockFrequencies(int adapterIndex);
+// The clocks and the utilisation from one reading of the adapter's current
+// status, as a session reads them again.
+struct AMDActivity {
+    AMDClockFrequencies clocks;
+    std::optional<std::uint32_t> utilization; // percent
+};
+AMDActivity query_Activity(int adapterIndex);
 std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex);
 AMDMemoryInfo query_DedicatedMemory(int adapterIndex);
 AMDFanSpeed query_FanSpeed(int adapterIndex);
