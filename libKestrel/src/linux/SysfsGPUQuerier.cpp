@@ -185,8 +185,9 @@ std::vector<std::pair<std::shared_ptr<GPU>, Sensors>> enumerate()
         std::error_code error;
         if (fs::exists(sensors.device / "current_link_speed", error))
             gpu->setBusType(std::string("PCI Express"));
+        // The kernel links a bound device's "driver" to its driver's folder.
         const fs::path driverLink = sensors.device / "driver";
-        const bool bound = fs::is_symlink(driverLink, error) || fs::is_directory(driverLink, error);
+        const bool bound = fs::is_directory(driverLink, error);
         gpu->setHardwareAcceleration(bound);
         sensors.amdgpu = bound && fs::read_symlink(driverLink, error).filename() == "amdgpu";
         sensors.hwmon = hwmonFolder(sensors.device);
