@@ -26,6 +26,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How often the GPUs are enumerated again, for cards added, gone or back.
+constexpr std::chrono::seconds rescanInterval{60};
+
 const char* const page = R"(<!DOCTYPE html>
 <html><head><title>kestrel</title></head>
 <body><h1>kestrel</h1><p>Every GPU of this machine, as its vendor interfaces see it:
@@ -65,6 +68,7 @@ int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>
     const auto interval = std::chrono::duration<double>(options.intervalSeconds);
     std::mutex refreshing;
     Clock::time_point refreshed = Clock::now();
+    Clock::time_point rescanned = refreshed;
 
     httplib::Server server;
     server.Get("/metrics", [&](const httplib::Request&, httplib::Response& response) {
@@ -74,7 +78,12 @@ int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>
             const std::lock_guard<std::mutex> lock(refreshing);
             if (start - refreshed >= interval) {
                 beforeRefresh();
-                session.refresh();
+                if (start - rescanned >= rescanInterval) {
+                    session.rescan();
+                    rescanned = start;
+                } else {
+                    session.refresh();
+                }
                 refreshed = Clock::now();
             }
         }
