@@ -190,10 +190,12 @@ TEST(GlfwReal, EachMonitorGetsAProbeWindowAtItsOriginAndTheRecordsMerge)
 int sourceCalls = 0;
 
 // Monitor-side records come first, each source's merge into them in the sources' order; a null source is
-// passed over, one listed twice runs twice. Status bits stay. Without sources the monitors are still walked.
+// passed over, one listed twice runs twice; records without a location are dropped with a line, and records
+// that differ in their function alone stay apart. Status bits stay. Without sources the monitors are still walked.
 TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
 {
-    // The GPU behind the one monitor as two sources see it; the first also gives bus 9 and one unlocated record.
+    // The GPU behind the one monitor as two sources see it; the first also gives two functions of bus 9, an
+    // unlocated record and a null one.
     const libKestrel::GPUQuerier first = [](std::bitset<4>& status) -> Records {
         ++sourceCalls;
         status.set(2);
@@ -201,7 +203,7 @@ TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
         gpu->setName(std::string("First source name"));
         gpu->setCoreCount(std::uint32_t{80});
         gpu->setGraphicsClock(std::uint32_t{1500000});
-        return {gpu, gpuAt(9), std::make_shared<UnlocatedGPU>()};
+        return {gpu, gpuAt(9), std::make_shared<UnlocatedGPU>(), nullptr, gpuAt(9, 0, 1)};
     };
     const libKestrel::GPUQuerier second = [](std::bitset<4>&) -> Records {
         ++sourceCalls;
@@ -220,17 +222,17 @@ TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
     EXPECT_EQ(sourceCalls, 2);
     EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=A longer second-source name coreCount=80 "
                                                            "graphicsClock=1700000 nativeMonitorHandle=handle",
-                                                           "0000:09:00.0"}));
-    EXPECT_EQ(handles(records), (std::vector<void*>{monitors.empty() ? nullptr : monitors[0], nullptr}))
+                                                           "0000:09:00.0", "0000:09:00.1"}));
+    EXPECT_EQ(handles(records), (std::vector<void*>{monitors.empty() ? nullptr : monitors[0], nullptr, nullptr}))
         << "the monitor side's, not the second source's null";
     EXPECT_EQ(status, std::bitset<4>("0101"));
-    EXPECT_EQ(capture.messages(), (Lines{{"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}}));
+    EXPECT_EQ(capture.messages(), Lines(2, {"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}));
 
     status.reset();
     records = libKestrel::queryAllGPUs({}, {first, first}, status);
     EXPECT_EQ(sourceCalls, 4);
     EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=First source name coreCount=80 "
-                                                           "graphicsClock=1500000", "0000:09:00.0"}));
+                                                           "graphicsClock=1500000", "0000:09:00.0", "0000:09:00.1"}));
     EXPECT_EQ(status, std::bitset<4>("0100"));
 
     status = std::bitset<4>("1010");
