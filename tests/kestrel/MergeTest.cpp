@@ -41,8 +41,8 @@ const std::vector<Row> rows = {
     ROW(name, setName, Text("NVIDIA GeForce RTX 3080"), Text("GeForce RTX 3080"), Text("NVIDIA GeForce RTX 3080")),
     ROW(driverVersion, setDriverVersion, Text("452.6"), Text("451.9"), Text("451.9")),
     ROW(vbiosVersion, setVBIOSVersion, Text("94.02"), Text("94.02.42.00.A1"), Text("94.02.42.00.A1")),
-    ROW(busType, setBusType, Text("PCI Express"), Text("AGP"), Text("PCI Express")),
-    ROW(uuid, setUUID, Text("GPU-1"), std::nullopt, Text("GPU-1")),
+    ROW(busType, setBusType, std::nullopt, Text("AGP"), Text("AGP")),
+    ROW(uuid, setUUID, Text("short"), Text("GPU-0f3a"), Text("GPU-0f3a")),
     // Flags: both must agree on true.
     ROW(hardwareAcceleration, setHardwareAcceleration, Flag(true), Flag(false), Flag(false)),
     ROW(sli, setSLI, Flag(true), Flag(false), Flag(false)),

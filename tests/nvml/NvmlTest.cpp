@@ -368,23 +368,6 @@ TEST(NvmlSource, TextsEndAtTheirNulAndNeverRunPastOurBuffer)
     EXPECT_THAT(run.lines, testing::Contains(LogLine{binding, 1, "89 Product name: " + name64}));
 }
 
-TEST(NvmlBinding, ALoadCallsNoNvmlFunctionAndOneReleaseUndoesRepeatedLoads)
-{
-    SimulatedMachine machine("{}");
-    LogCapture capture(Priority::WARNING);
-    {
-        SimulatedModules modules{"sim_nvml"};
-        EXPECT_TRUE(libKestrel::initializeLibrary());
-        EXPECT_TRUE(libKestrel::initializeLibrary()) << "a second load replaces the first";
-        libKestrel::uninitializeLibrary();
-        expectReleased();
-        libKestrel::uninitializeLibrary(); // releasing what is not held changes nothing
-        expectReleased();
-    }
-    EXPECT_EQ(machine.journal(), (Lines{"load nvml", "unload nvml"}));
-    EXPECT_EQ(capture.messages(), LogLines{});
-}
-
 // Run in a process of its own, whose module search path holds a file under
 // NVML's name that is no module: a graver failure than absence.
 TEST(NvmlUnloadable, IsReportedAsAFailedLoad)

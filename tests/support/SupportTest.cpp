@@ -16,20 +16,12 @@ namespace {
 
 using Priority = tova::LoggerPriority;
 
-TEST(PciLocation, EqualOnlyWhenAllFourFieldsAreEqual)
+// Equality of every field is held by the record's isSameGPU test.
+TEST(PciLocation, TextWithAndWithoutTheDomain)
 {
-    const pci::PciLocation base(0x65, 0x1f, 0, 0);
-    EXPECT_EQ(base, pci::PciLocation(0x65, 0x1f, 0, 0));
-    EXPECT_NE(base, pci::PciLocation(0x66, 0x1f, 0, 0));
-    EXPECT_NE(base, pci::PciLocation(0x65, 0x1e, 0, 0));
-    EXPECT_NE(base, pci::PciLocation(0x65, 0x1f, 1, 0));
-    EXPECT_NE(base, pci::PciLocation(0x65, 0x1f, 0, 1));
-    EXPECT_FALSE(base != pci::PciLocation(0x65, 0x1f, 0, 0));
-    EXPECT_EQ(pci::PciLocation(), pci::PciLocation(0, 0, 0, 0));
-
-    EXPECT_EQ(base.toString(true).str(), "0000:65:1f.0");
+    EXPECT_EQ(pci::PciLocation(0x65, 0x1f, 0, 0).toString(true).str(), "0000:65:1f.0");
     EXPECT_EQ(pci::PciLocation(0xff, 0x1f, 7, 0x10000).toString(true).str(), "10000:ff:1f.7");
-    EXPECT_EQ(base.toString(false).str(), "65:1f.0");
+    EXPECT_EQ(pci::PciLocation(0x65, 0x1f, 0, 0).toString(false).str(), "65:1f.0");
 }
 
 TEST(LogFactory, OneNameGivesOneLoggerAcrossThreads)
@@ -47,6 +39,23 @@ TEST(LogFactory, OneNameGivesOneLoggerAcrossThreads)
     tova::Logger* again = nullptr;
     tova::LogFactory::createLogger("kestrel.test.Threads", again);
     EXPECT_EQ(again, found[0]);
+}
+
+TEST(Logger, ThresholdsResolveThroughAncestors)
+{
+    tova::Logger* child = nullptr;
+    tova::Logger* parent = nullptr;
+    tova::LogFactory::createLogger("kestrel.test.Tree.Leaf", child);
+    tova::LogFactory::createLogger("kestrel.test.Tree", parent);
+    EXPECT_EQ(child->parent(), parent);
+    EXPECT_EQ(child->resolvePriority(), Priority::ALL);
+
+    parent->priority = Priority::WARNING;
+    EXPECT_EQ(child->resolvePriority(), Priority::WARNING);
+    child->priority = Priority::INFO;
+    EXPECT_EQ(child->resolvePriority(), Priority::INFO);
+    child->priority = Priority::ALL;
+    parent->priority = Priority::ALL;
 }
 
 TEST(Logger, ConcurrentMessagesArriveWhole)
@@ -69,6 +78,18 @@ TEST(Logger, ConcurrentMessagesArriveWhole)
     EXPECT_EQ(lines.size(), 800u);
     EXPECT_EQ(capture.count("thread 3 message "), 200u);
 
+}
+
+TEST(LogFactory, DefaultSinkWritesOneLinePerMessageToStandardError)
+{
+    tova::Logger* logger = nullptr;
+    tova::LogFactory::createLogger("kestrel.test.Stderr", logger);
+    tova::LoggerStream stream;
+    stream + "7 " + "Something failed: " << 3;
+    testing::internal::CaptureStderr();
+    logger->log(Priority::WARNING, stream);
+    const std::string written = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(written, "kestrel.test.Stderr [WARNING] 7 Something failed: 3\n");
 }
 
 // A host's sink may log through a logger of its own and may replace itself;
