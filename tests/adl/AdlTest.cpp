@@ -28,8 +28,6 @@ using namespace kestrel::test;
 using libKestrel::adlwrapper::adlBinding;
 using libKestrel::adlwrapper::ADLFunctions;
 using nlohmann::json;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
 
 const char* const querier = "libKestrel.AMDGPUQuerierMulti";
 const char* const perProperty = "libKestrel.ADL";

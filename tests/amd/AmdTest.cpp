@@ -26,7 +26,6 @@ using namespace libKestrel;
 using namespace libKestrel::adl;
 using nlohmann::json;
 using testing::IsSupersetOf;
-using Lines = std::vector<std::string>;
 
 const char* const device = "libKestrel";
 const char* const notFound = "Cannot find a matching ADL adapter id given the PCI location.";

@@ -9,6 +9,9 @@
 
 namespace kestrel::test {
 
+using Priority = tova::LoggerPriority;
+using Lines = std::vector<std::string>;
+
 struct LogLine {
     std::string logger;
     int priority;
@@ -24,6 +27,8 @@ struct LogLine {
 
 // "libKestrel.NVML [3] 121 Cannot load NVML: ...", as test failures show it.
 void PrintTo(const LogLine& line, std::ostream* out);
+
+using LogLines = std::vector<LogLine>;
 
 // Collects every line written while it lives, at and above 'threshold', and
 // puts the process-wide threshold and the default sink back afterwards.

@@ -10,9 +10,6 @@
 namespace {
 
 using namespace kestrel::test;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
-using LogLines = std::vector<LogLine>;
 
 const std::string querier = "libKestrel.NVidiaCudaGPUQuerierMulti";
 const LogLine versions = {querier, 2, "98 Retrieved driver version '12040' and runtime version '5000'"};

@@ -20,8 +20,6 @@
 namespace {
 
 using namespace kestrel::test;
-using Lines = std::vector<LogLine>;
-using Priority = tova::LoggerPriority;
 namespace glfw = libKestrel::glfw;
 
 // The GLFW the library loaded, held by the test to read windows back.
@@ -119,7 +117,7 @@ TEST(GlfwSimulated, FailuresEndTheEnumerationCleanly)
     setCallback(host);
     const char* const logger = "libKestrel.Main";
     const LogLine noMonitor{logger, 4, "70 Could not find a suitable monitor to enumerate"};
-    const struct { const char* name; std::string scenario; std::vector<std::string> visits; Lines lines;
+    const struct { const char* name; std::string scenario; std::vector<std::string> visits; LogLines lines;
                    size_t terminations; } rows[] = {
         {"GLFW refuses to start", R"({"monitors": [{}], "faults": {"glfwInit": {"return": 0}}})", {},
          {{logger, 3, "31 GLFW Error: Simulated: GLFW refused to initialize"},
@@ -159,7 +157,7 @@ TEST(GlfwPartial, AModuleWithoutAnEntryWeCallIsNotUsed)
     SimulatedMachine machine(R"({"monitors": [{}]})");
     LogCapture capture(Priority::WARNING);
     EXPECT_TRUE(enumerate().empty());
-    EXPECT_EQ(capture.messages(), (Lines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
+    EXPECT_EQ(capture.messages(), (LogLines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
     EXPECT_EQ(machine.count("glfwInit"), 0u);
     expectReleased();
 }
@@ -226,7 +224,7 @@ TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
     EXPECT_EQ(handles(records), (std::vector<void*>{monitors.empty() ? nullptr : monitors[0], nullptr, nullptr}))
         << "the monitor side's, not the second source's null";
     EXPECT_EQ(status, std::bitset<4>("0101"));
-    EXPECT_EQ(capture.messages(), Lines(2, {"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}));
+    EXPECT_EQ(capture.messages(), LogLines(2, {"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}));
 
     status.reset();
     records = libKestrel::queryAllGPUs({}, {first, first}, status);

@@ -23,9 +23,6 @@
 namespace {
 
 using namespace kestrel::test;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
-using LogLines = std::vector<LogLine>;
 
 const std::string binding = "libKestrel.NVML";
 const std::string querier = "libKestrel.NVidiaNvmlGPUQuerierMulti";
