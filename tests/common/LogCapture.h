@@ -21,8 +21,6 @@ struct LogLine {
     {
         return logger == other.logger && priority == other.priority && text == other.text;
     }
-    // The entry and exit lines of a trace scope.
-    bool isTrace() const;
 };
 
 // "libKestrel.NVML [3] 121 Cannot load NVML: ...", as test failures show it.
@@ -42,10 +40,8 @@ public:
     std::vector<LogLine> lines() const;
     // Every line but the trace scopes' entry and exit lines, in order.
     std::vector<LogLine> messages() const;
-    // Lines of one logger, as "priority|text", in order.
+    // The messages of one logger, as "priority|text", in order.
     std::vector<std::string> of(const std::string& logger) const;
-    // The same without the trace scopes' "Entering"/"Leaving" lines.
-    std::vector<std::string> messages(const std::string& logger) const;
     // True when exactly this line was written.
     bool has(const std::string& logger, int priority, const std::string& text) const;
     // Lines whose text starts with 'prefix'.

@@ -88,7 +88,7 @@ TEST(GlfwSimulated, EachMonitorGetsAHidden1x1ProbeWindowAtItsOrigin)
     EXPECT_EQ(handles(enumerate()), monitors) << "one record per monitor, in monitor order";
     EXPECT_EQ(visits, (std::vector<std::string>{"monitor at 0,0: window at 0,0, hidden",
                                                 "monitor at 1920,-120: window at 1920,-120, hidden"}));
-    EXPECT_EQ(capture.messages("libKestrel.Main"), // each monitor's lines before its records'
+    EXPECT_EQ(capture.of("libKestrel.Main"), // each monitor's lines before its records'
               (std::vector<std::string>{"1|74 Monitors found: 2", "1|77 Monitor 0", "1|78   Name: Left",
                                         "1|98 Found 1 from vendor query", "1|77 Monitor 1", "1|78   Name: Right",
                                         "1|98 Found 1 from vendor query"}));

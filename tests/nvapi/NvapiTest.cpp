@@ -97,9 +97,9 @@ TEST_F(Nvapi, EachGpuBecomesOneRecordWithEverythingNvapiKnows)
     LogCapture capture;
     EXPECT_EQ(describe(query()), pairWithout({}));
     // Every value read is logged, at TRACE.
-    EXPECT_THAT(capture.messages(querier), IsSupersetOf({"1|119 Enumerated physical NVidia GPU count: 2",
+    EXPECT_THAT(capture.of(querier), IsSupersetOf({"1|119 Enumerated physical NVidia GPU count: 2",
                                                          "1|61 Found PCI location information: 0000:65:00.0"}));
-    EXPECT_THAT(capture.messages(perProperty),
+    EXPECT_THAT(capture.of(perProperty),
                 IsSupersetOf({"1|44 PCI location: Bus: 101, Device: 0", "1|66 Product name: NVIDIA GeForce RTX 2080 Ti",
                               "1|82 Driver version: 45206", "1|83 Driver version branch: r452_06",
                               "1|99 VBIOS version: 90.02.0B.00.01", "1|216 Core count: 4352",
