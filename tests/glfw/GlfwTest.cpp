@@ -157,7 +157,8 @@ TEST(GlfwPartial, AModuleWithoutAnEntryWeCallIsNotUsed)
     SimulatedMachine machine(R"({"monitors": [{}]})");
     LogCapture capture(Priority::WARNING);
     EXPECT_TRUE(enumerate().empty());
-    EXPECT_EQ(capture.messages(), (LogLines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
+    EXPECT_EQ(capture.messages(),
+              (LogLines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
     EXPECT_EQ(machine.count("glfwInit"), 0u);
     expectReleased();
 }

@@ -280,8 +280,8 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
         capture.clear();
         EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
         EXPECT_EQ(summaries(gpus), both) << "a failed enumeration leaves the list alone";
-        EXPECT_EQ(capture.messages(),
-                  (LogLines{{device, 3, "28 Function : NvAPI_EnumPhysicalGPUs returns NVAPI_NVIDIA_DEVICE_NOT_FOUND"}}));
+        EXPECT_EQ(capture.messages(), (LogLines{{device, 3, "28 Function : NvAPI_EnumPhysicalGPUs returns "
+                                                            "NVAPI_NVIDIA_DEVICE_NOT_FOUND"}}));
         EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
         EXPECT_TRUE(gpus.empty()) << "no GPUs empties the list";
     }
@@ -381,7 +381,7 @@ TEST_F(NvidiaGpu, SliMembershipListsTheOtherGpusOfTheGroup)
                   {"name": "B", "pci": {"bus": 2}, "nvapi": {}}, {"name": "C", "pci": {"bus": 3}, "nvapi": {}},
                   {"name": "D", "pci": {"bus": 4}, "nvapi": {}}], "faults": {)" + faults + "}}";
     };
-    const struct { const char* name; size_t asking; std::string faults; std::vector<std::string> others; LogLines warnings;
+    const struct { const char* name; size_t asking; std::string faults; Lines others; LogLines warnings;
                    bool throws = false; } rows[] = {
         {"in a group", 0, "", {"0000:02:00.0 'B' 0 KB desktop", "0000:03:00.0 'C' 0 KB desktop"}, {}},
         {"alone in its logical GPU", 3, "", {}, {}},
@@ -525,8 +525,8 @@ TEST(NvapiVariant, AMissingEntryCostsOnlyWhatItWouldHaveAnswered)
         std::vector<NVIDIAGPU> gpus;
         std::vector<float> temps;
         EXPECT_TRUE(NVIDIAGPU::enumerate(gpus) == 1 && !gpus[0].currentTemperature(temps)) << "no sensors listed";
-        EXPECT_EQ(capture.messages(),
-                  (LogLines{{device, 3, "28 Function : NvAPI_GPU_GetThermalSettings returns NVAPI_NO_IMPLEMENTATION"}}));
+        EXPECT_EQ(capture.messages(), (LogLines{{device, 3, "28 Function : NvAPI_GPU_GetThermalSettings returns "
+                                                            "NVAPI_NO_IMPLEMENTATION"}}));
     }
     expectNvapiReleased();
 }
