@@ -28,8 +28,6 @@ using namespace kestrel::test;
 using libKestrel::adlwrapper::adlBinding;
 using libKestrel::adlwrapper::ADLFunctions;
 using nlohmann::json;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
 
 const char* const querier = "libKestrel.AMDGPUQuerierMulti";
 const char* const perProperty = "libKestrel.ADL";
@@ -315,21 +313,6 @@ TEST(AdlDrivers, EachMissingEntryCostsWhatDependsOnIt)
     }
     // A load that finds no ADL leaves no slot pointing into the module let go before.
     EXPECT_EQ(adlBinding().functions.ADL_Overdrive6_FanSpeed_Get, nullptr);
-}
-
-TEST_F(AmdSource, ALoadFillsEverySlotAndTheReleaseEmptiesAllButTheFanSpeedOne)
-{
-    ASSERT_TRUE(libKestrel::adlwrapper::initializeLibrary());
-    EXPECT_TRUE(adlBinding().library.isLoaded());
-    const ADLFunctions slots = adlBinding().functions;
-    for (size_t at = 0; at < sizeof slots; at += sizeof(void*)) {
-        std::uintptr_t slot = 0;
-        std::memcpy(&slot, reinterpret_cast<const unsigned char*>(&slots) + at, sizeof slot);
-        EXPECT_NE(slot, 0u) << "slot " << at / sizeof(void*);
-    }
-    libKestrel::adlwrapper::uninitializeLibrary();
-    expectReleased();
-    EXPECT_EQ(adlBinding().functions.ADL_Overdrive6_FanSpeed_Get, slots.ADL_Overdrive6_FanSpeed_Get);
 }
 
 #if defined(_WIN32)

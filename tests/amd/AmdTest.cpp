@@ -26,7 +26,6 @@ using namespace libKestrel;
 using namespace libKestrel::adl;
 using nlohmann::json;
 using testing::IsSupersetOf;
-using Lines = std::vector<std::string>;
 
 const char* const device = "libKestrel";
 const char* const notFound = "Cannot find a matching ADL adapter id given the PCI location.";
@@ -306,7 +305,7 @@ TEST(AmdCrossFire, AGPULeadsOnlyAnActiveChainAndListsItsLinks)
             EXPECT_EQ(!gpus.empty() && gpus[0].hasCrossFireSlaveGPU(links), !row.links.empty());
             EXPECT_EQ(seen(links), row.links);
         }
-        EXPECT_THAT(capture.messages(device), IsSupersetOf(*row.line ? Lines{row.line} : Lines{}));
+        EXPECT_THAT(capture.of(device), IsSupersetOf(*row.line ? Lines{row.line} : Lines{}));
         EXPECT_EQ(openContexts(machine), 0);
     }
     // A driver that lists one adapter index at two places: the link is the first.
@@ -369,7 +368,7 @@ TEST(AmdReadings, EachOverdriveVersionAndEachOverdrive8CapabilityBitGiveTheirRea
         LogCapture capture;
         AMDGPU gpu(at(3));
         EXPECT_EQ(readings(gpu), row.readings);
-        EXPECT_THAT(capture.messages(device), IsSupersetOf(row.lines));
+        EXPECT_THAT(capture.of(device), IsSupersetOf(row.lines));
         gpu.refresh();
         EXPECT_EQ(machine.count("ADL2_Main_Control_Refresh") + machine.count("ADL_Main_Control_Refresh"), 1u);
     }
@@ -427,7 +426,7 @@ TEST(AmdOverdrive8, ListsAreCutTo29TheCurrentValuesFallBackAndThePMLogGivesMilli
         int temperature = 777;
         EXPECT_EQ(gpu.retrieveCurrentTemperatureOverdrive8(0, temperature), row.pmLogStatus);
         EXPECT_EQ(temperature, row.temperature);
-        EXPECT_THAT(capture.messages(device), IsSupersetOf(*row.line ? Lines{row.line} : Lines{}));
+        EXPECT_THAT(capture.of(device), IsSupersetOf(*row.line ? Lines{row.line} : Lines{}));
     }
     // Settings are set through the ADL2 table, on a context of its own.
     SimulatedMachine machine(scenario({od8}));
@@ -452,7 +451,7 @@ TEST(AmdStartup, TheClassicInterfaceStartsOnceAndARefusedStartIsTriedAgain)
         SimulatedMachine machine(adapters({adapter(3)}, faults));
         LogCapture capture;
         EXPECT_EQ(thrownBy([] { instantiateADL(); }), "Unable to initialize ADL");
-        EXPECT_THAT(capture.messages(device), IsSupersetOf({"1|87 ADL_Main_ControlX2_Create returns -2",
+        EXPECT_THAT(capture.of(device), IsSupersetOf({"1|87 ADL_Main_ControlX2_Create returns -2",
                                                             "1|95 ADL_Main_Control_Create returns -3",
                                                             "3|99 Unable to initialize ADL"}));
     }
@@ -472,10 +471,10 @@ TEST(AmdAbsent, WithoutTheDriversLibraryNoTableAndNoGPUCanBeMade)
     const std::string noADL = "3|23 Unable to load either atiadlxx.dll or atiadlxy.dll.";
     LogCapture capture;
     EXPECT_EQ(thrownBy([] { instantiateADL(); }), "Unable to load ADL binary.");
-    EXPECT_EQ(capture.messages(device), Lines(2, noADL)) << "ADL2 is tried first, then the classic interface";
+    EXPECT_EQ(capture.of(device), Lines(2, noADL)) << "ADL2 is tried first, then the classic interface";
     capture.clear();
     EXPECT_EQ(instantiateADL2(), nullptr);
-    EXPECT_EQ(capture.messages(device), (Lines{noADL, "1|46 Unable to create ADL2 object"}));
+    EXPECT_EQ(capture.of(device), (Lines{noADL, "1|46 Unable to create ADL2 object"}));
     EXPECT_EQ(thrownBy([] { enumerated(); }), "Unable to load ADL binary.");
     EXPECT_EQ(thrownBy([] { AMDGPU gpu(at(3)); }), "Unable to load ADL binary.");
 }

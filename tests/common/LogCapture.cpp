@@ -4,7 +4,10 @@
 
 namespace kestrel::test {
 
-bool LogLine::isTrace() const { return text.rfind("Entering ", 0) == 0 || text.rfind("Leaving ", 0) == 0; }
+namespace {
+// The entry and exit lines of a trace scope.
+bool isTrace(const LogLine& l) { return l.text.rfind("Entering ", 0) == 0 || l.text.rfind("Leaving ", 0) == 0; }
+} // namespace
 
 void PrintTo(const LogLine& line, std::ostream* out)
 {
@@ -37,7 +40,7 @@ std::vector<LogLine> LogCapture::messages() const
 {
     std::vector<LogLine> result;
     for (const auto& line : lines())
-        if (!line.isTrace())
+        if (!isTrace(line))
             result.push_back(line);
     return result;
 }
@@ -45,18 +48,9 @@ std::vector<LogLine> LogCapture::messages() const
 std::vector<std::string> LogCapture::of(const std::string& logger) const
 {
     std::vector<std::string> result;
-    for (const auto& line : lines())
+    for (const auto& line : messages())
         if (line.logger == logger)
             result.push_back(std::to_string(line.priority) + "|" + line.text);
-    return result;
-}
-
-std::vector<std::string> LogCapture::messages(const std::string& logger) const
-{
-    std::vector<std::string> result;
-    for (const auto& line : of(logger))
-        if (line.find("|Entering ") == std::string::npos && line.find("|Leaving ") == std::string::npos)
-            result.push_back(line);
     return result;
 }
 

@@ -9,6 +9,9 @@
 
 namespace kestrel::test {
 
+using Priority = tova::LoggerPriority;
+using Lines = std::vector<std::string>;
+
 struct LogLine {
     std::string logger;
     int priority;
@@ -18,12 +21,12 @@ struct LogLine {
     {
         return logger == other.logger && priority == other.priority && text == other.text;
     }
-    // The entry and exit lines of a trace scope.
-    bool isTrace() const;
 };
 
 // "libKestrel.NVML [3] 121 Cannot load NVML: ...", as test failures show it.
 void PrintTo(const LogLine& line, std::ostream* out);
+
+using LogLines = std::vector<LogLine>;
 
 // Collects every line written while it lives, at and above 'threshold', and
 // puts the process-wide threshold and the default sink back afterwards.
@@ -37,10 +40,8 @@ public:
     std::vector<LogLine> lines() const;
     // Every line but the trace scopes' entry and exit lines, in order.
     std::vector<LogLine> messages() const;
-    // Lines of one logger, as "priority|text", in order.
+    // The messages of one logger, as "priority|text", in order.
     std::vector<std::string> of(const std::string& logger) const;
-    // The same without the trace scopes' "Entering"/"Leaving" lines.
-    std::vector<std::string> messages(const std::string& logger) const;
     // True when exactly this line was written.
     bool has(const std::string& logger, int priority, const std::string& text) const;
     // Lines whose text starts with 'prefix'.

@@ -1,19 +1,15 @@
-// The CUDA source as a host runs it, alone and inside queryAllGPUs, on the
-// simulated driver, which stays loaded for the life of the process.
+// The CUDA source as a host runs it, on the simulated driver, which stays loaded
+// for the life of the process; its records merging with the other NVIDIA
+// sources' is tested with them (tests/nvidia).
 #include <gtest/gtest.h>
 
-#include "common/Records.h"
 #include "common/Simulator.h"
 #include "common/Sources.h"
-#include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
 
 namespace {
 
 using namespace kestrel::test;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
-using LogLines = std::vector<LogLine>;
 
 const std::string querier = "libKestrel.NVidiaCudaGPUQuerierMulti";
 const LogLine versions = {querier, 2, "98 Retrieved driver version '12040' and runtime version '5000'"};
@@ -47,36 +43,16 @@ const Lines twoCudaRecords = {
     "0000:17:01.0 name=Tesla T4 graphicsClock=1590000 memoryClock=5001000 memoryWidth=256 versionMajor=7 "
     "versionMinor=5"};
 
-// The same first GPU as another NVIDIA source sees it.
-std::vector<std::shared_ptr<libKestrel::IGPU>> otherNVidiaSource(std::bitset<4>&)
-{
-    auto gpu = gpuAt(0x65);
-    gpu->setName(std::string("RTX 3090"));
-    gpu->setUUID(std::string("GPU-8b0c6a4e"));
-    gpu->setCoreCount(std::uint32_t{10496});
-    return {gpu};
-}
-
-TEST(CudaSource, ReportsEveryDeviceAndItsRecordsMergeWithTheOtherSources)
+TEST(CudaSource, ReportsEveryDeviceAtTheOtherSourcesLocation)
 {
     SimulatedMachine machine(twoCudaDevices);
-    {
-        LogCapture capture(Priority::TRACE);
-        std::bitset<4> status("1010");
-        EXPECT_EQ(describe(libKestrel::queryNVidiaCudaGPUsMulti(status)), twoCudaRecords);
-        EXPECT_EQ(status, std::bitset<4>("1010")) << "the CUDA source leaves the status alone";
-        EXPECT_EQ(capture.messages(), (LogLines{versions, discovered(2),
-                                                {querier, 1, "57 Found PCI location information: 0000:65:00.0"},
-                                                {querier, 1, "57 Found PCI location information: 0000:17:01.0"}}));
-    }
-    LogCapture capture(Priority::WARNING);
-    std::bitset<4> status;
-    const auto merged = libKestrel::queryAllGPUs({}, {otherNVidiaSource, libKestrel::queryNVidiaCudaGPUsMulti}, status);
-    EXPECT_EQ(describe(merged), (Lines{"0000:65:00.0 name=NVIDIA GeForce RTX 3090 coreCount=10496 graphicsClock=1695000 "
-                                       "memoryClock=9751000 memoryWidth=384 uuid=GPU-8b0c6a4e versionMajor=8 "
-                                       "versionMinor=6",
-                                       twoCudaRecords[1]}));
-    EXPECT_EQ(capture.messages(querier), Lines{});
+    LogCapture capture(Priority::TRACE);
+    std::bitset<4> status("1010");
+    EXPECT_EQ(describe(libKestrel::queryNVidiaCudaGPUsMulti(status)), twoCudaRecords);
+    EXPECT_EQ(status, std::bitset<4>("1010")) << "the CUDA source leaves the status alone";
+    EXPECT_EQ(capture.messages(), (LogLines{versions, discovered(2),
+                                            {querier, 1, "57 Found PCI location information: 0000:65:00.0"},
+                                            {querier, 1, "57 Found PCI location information: 0000:17:01.0"}}));
 }
 
 TEST(CudaSource, EachFailureCostsOnlyWhatDependsOnIt)

@@ -20,8 +20,6 @@
 namespace {
 
 using namespace kestrel::test;
-using Lines = std::vector<LogLine>;
-using Priority = tova::LoggerPriority;
 namespace glfw = libKestrel::glfw;
 
 // The GLFW the library loaded, held by the test to read windows back.
@@ -90,7 +88,7 @@ TEST(GlfwSimulated, EachMonitorGetsAHidden1x1ProbeWindowAtItsOrigin)
     EXPECT_EQ(handles(enumerate()), monitors) << "one record per monitor, in monitor order";
     EXPECT_EQ(visits, (std::vector<std::string>{"monitor at 0,0: window at 0,0, hidden",
                                                 "monitor at 1920,-120: window at 1920,-120, hidden"}));
-    EXPECT_EQ(capture.messages("libKestrel.Main"), // each monitor's lines before its records'
+    EXPECT_EQ(capture.of("libKestrel.Main"), // each monitor's lines before its records'
               (std::vector<std::string>{"1|74 Monitors found: 2", "1|77 Monitor 0", "1|78   Name: Left",
                                         "1|98 Found 1 from vendor query", "1|77 Monitor 1", "1|78   Name: Right",
                                         "1|98 Found 1 from vendor query"}));
@@ -119,7 +117,7 @@ TEST(GlfwSimulated, FailuresEndTheEnumerationCleanly)
     setCallback(host);
     const char* const logger = "libKestrel.Main";
     const LogLine noMonitor{logger, 4, "70 Could not find a suitable monitor to enumerate"};
-    const struct { const char* name; std::string scenario; std::vector<std::string> visits; Lines lines;
+    const struct { const char* name; std::string scenario; std::vector<std::string> visits; LogLines lines;
                    size_t terminations; } rows[] = {
         {"GLFW refuses to start", R"({"monitors": [{}], "faults": {"glfwInit": {"return": 0}}})", {},
          {{logger, 3, "31 GLFW Error: Simulated: GLFW refused to initialize"},
@@ -159,7 +157,8 @@ TEST(GlfwPartial, AModuleWithoutAnEntryWeCallIsNotUsed)
     SimulatedMachine machine(R"({"monitors": [{}]})");
     LogCapture capture(Priority::WARNING);
     EXPECT_TRUE(enumerate().empty());
-    EXPECT_EQ(capture.messages(), (Lines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
+    EXPECT_EQ(capture.messages(),
+              (LogLines{{"libKestrel.Main", 3, "46 GLFW lacks the entry point glfwGetMonitorPos"}}));
     EXPECT_EQ(machine.count("glfwInit"), 0u);
     expectReleased();
 }
@@ -190,10 +189,12 @@ TEST(GlfwReal, EachMonitorGetsAProbeWindowAtItsOriginAndTheRecordsMerge)
 int sourceCalls = 0;
 
 // Monitor-side records come first, each source's merge into them in the sources' order; a null source is
-// passed over, one listed twice runs twice. Status bits stay. Without sources the monitors are still walked.
+// passed over, one listed twice runs twice; records without a location are dropped with a line, and records
+// that differ in their function alone stay apart. Status bits stay. Without sources the monitors are still walked.
 TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
 {
-    // The GPU behind the one monitor as two sources see it; the first also gives bus 9 and one unlocated record.
+    // The GPU behind the one monitor as two sources see it; the first also gives two functions of bus 9, an
+    // unlocated record and a null one.
     const libKestrel::GPUQuerier first = [](std::bitset<4>& status) -> Records {
         ++sourceCalls;
         status.set(2);
@@ -201,7 +202,7 @@ TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
         gpu->setName(std::string("First source name"));
         gpu->setCoreCount(std::uint32_t{80});
         gpu->setGraphicsClock(std::uint32_t{1500000});
-        return {gpu, gpuAt(9), std::make_shared<UnlocatedGPU>()};
+        return {gpu, gpuAt(9), std::make_shared<UnlocatedGPU>(), nullptr, gpuAt(9, 0, 1)};
     };
     const libKestrel::GPUQuerier second = [](std::bitset<4>&) -> Records {
         ++sourceCalls;
@@ -220,17 +221,17 @@ TEST(Query, MonitorRecordsComeFirstAndSourcesMergeInTheirOrder)
     EXPECT_EQ(sourceCalls, 2);
     EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=A longer second-source name coreCount=80 "
                                                            "graphicsClock=1700000 nativeMonitorHandle=handle",
-                                                           "0000:09:00.0"}));
-    EXPECT_EQ(handles(records), (std::vector<void*>{monitors.empty() ? nullptr : monitors[0], nullptr}))
+                                                           "0000:09:00.0", "0000:09:00.1"}));
+    EXPECT_EQ(handles(records), (std::vector<void*>{monitors.empty() ? nullptr : monitors[0], nullptr, nullptr}))
         << "the monitor side's, not the second source's null";
     EXPECT_EQ(status, std::bitset<4>("0101"));
-    EXPECT_EQ(capture.messages(), (Lines{{"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}}));
+    EXPECT_EQ(capture.messages(), LogLines(2, {"libKestrel.Kestrel", 3, "294 Could not obtain PCI Location from GPU"}));
 
     status.reset();
     records = libKestrel::queryAllGPUs({}, {first, first}, status);
     EXPECT_EQ(sourceCalls, 4);
     EXPECT_EQ(describe(records), (std::vector<std::string>{"0000:01:00.0 name=First source name coreCount=80 "
-                                                           "graphicsClock=1500000", "0000:09:00.0"}));
+                                                           "graphicsClock=1500000", "0000:09:00.0", "0000:09:00.1"}));
     EXPECT_EQ(status, std::bitset<4>("0100"));
 
     status = std::bitset<4>("1010");

@@ -51,10 +51,6 @@ public:
     }
     explicit MachineInFile(const json& machine)
     {
-        // A death test's child runs the test again from its start; it reads the
-        // parent's file through the inherited variable and leaves no file behind.
-        if (testing::internal::InDeathTestChild())
-            return;
         written_ = kestrel::test::temporaryPath("isolated.json");
         std::ofstream(written_) << machine.dump();
         kestrelSimSetScenario(nullptr);
@@ -150,52 +146,6 @@ TEST(Isolation, TheChildrensLogLinesReachTheHostsSinkUnderItsThreshold)
     EXPECT_EQ(capture.of("libKestrel.AMDGPUQuerierMulti"),
               std::vector<std::string>{"3|149 Failed to create main control: -1"});
     EXPECT_EQ(capture.count("Entering "), 0u) << "trace lines stay under the host's threshold";
-}
-
-#if !defined(_WIN32)
-// The same faults in the host's own process take the host with them.
-TEST(IsolationDeathTest, InProcessTheSameVendorsCrashOrHangTheHost)
-{
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const MachineInFile crash(json::parse(R"({"gpus": [{"pci": {"bus": 101}, "nvml": {}}],
-                                              "faults": {"nvmlInit_v2": {"crash": true}}})"));
-    EXPECT_DEATH(
-        {
-            std::bitset<4> status;
-            libKestrel::queryNVidiaNvmlGPUsMulti(status);
-        },
-        "");
-    const MachineInFile hang(json::parse(R"({"gpus": [{"pci": {"bus": 101}, "nvml": {}}],
-                                             "faults": {"nvmlDeviceGetCount_v2": {"hang": true}}})"));
-    EXPECT_EXIT(
-        {
-            alarm(2);
-            std::bitset<4> status;
-            libKestrel::queryNVidiaNvmlGPUsMulti(status);
-        },
-        testing::KilledBySignal(SIGALRM), "");
-}
-#endif
-
-#if defined(_WIN32)
-const char* const probeName = "kestrel-probe.exe";
-#else
-const char* const probeName = "kestrel-probe";
-#endif
-
-// The helper program as a host's user meets it: a usage line and exit code 2 for
-// arguments it cannot use.
-TEST(Isolation, TheProbeRefusesArgumentsItCannotUse)
-{
-    const std::string probe = kestrel::test::executableDirectory() + probeName;
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{}, {"gpus"}, {"nvml", "--log-level"}, {"nvml", "--log-level", "9"},
-          {"nvml", "--verbose", "1"}}) {
-        const auto run = kestrel::test::runProcess(probe, arguments);
-        EXPECT_EQ(run.exitCode, 2);
-        EXPECT_EQ(run.out, "");
-        EXPECT_NE(run.err.find("usage: kestrel-probe SOURCE [--log-level N]"), std::string::npos) << run.err;
-    }
 }
 
 #if !defined(_WIN32)

@@ -120,9 +120,9 @@ TEST(Logging, TraceScopesFollowTheTraceThreshold)
         auto trace = site.trace("tracedFunction", 12);
         log(site, Priority::TRACE, "13 ", "inside");
     }
-    EXPECT_EQ(capture.of("kestrel.test.Trace"),
-              (std::vector<std::string>{"1|Entering tracedFunction (src/Traced.cpp:12)", "1|13 inside",
-                                        "1|Leaving tracedFunction"}));
+    const char* const name = "kestrel.test.Trace";
+    EXPECT_EQ(capture.lines(), (kestrel::test::LogLines{{name, 1, "Entering tracedFunction (src/Traced.cpp:12)"},
+                                                        {name, 1, "13 inside"}, {name, 1, "Leaving tracedFunction"}}));
 
     capture.clear();
     loggerNamed("kestrel.test.Trace")->priority = Priority::INFO;

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include "common/LogCapture.h"
 #include "common/Records.h"
 #include "libKestrel/internal/Kestrel.h"
 
@@ -15,8 +14,6 @@ namespace {
 using libKestrel::GPU;
 using libKestrel::IGPU;
 using kestrel::test::gpuAt;
-using kestrel::test::LogCapture;
-using Priority = tova::LoggerPriority;
 
 int monitorA = 0;
 int monitorB = 0;
@@ -44,8 +41,8 @@ const std::vector<Row> rows = {
     ROW(name, setName, Text("NVIDIA GeForce RTX 3080"), Text("GeForce RTX 3080"), Text("NVIDIA GeForce RTX 3080")),
     ROW(driverVersion, setDriverVersion, Text("452.6"), Text("451.9"), Text("451.9")),
     ROW(vbiosVersion, setVBIOSVersion, Text("94.02"), Text("94.02.42.00.A1"), Text("94.02.42.00.A1")),
-    ROW(busType, setBusType, Text("PCI Express"), Text("AGP"), Text("PCI Express")),
-    ROW(uuid, setUUID, Text("GPU-1"), std::nullopt, Text("GPU-1")),
+    ROW(busType, setBusType, std::nullopt, Text("AGP"), Text("AGP")),
+    ROW(uuid, setUUID, Text("short"), Text("GPU-0f3a"), Text("GPU-0f3a")),
     // Flags: both must agree on true.
     ROW(hardwareAcceleration, setHardwareAcceleration, Flag(true), Flag(false), Flag(false)),
     ROW(sli, setSLI, Flag(true), Flag(false), Flag(false)),
@@ -108,72 +105,6 @@ TEST(Merge, EveryPropertyFollowsItsGroupsRuleAndInputsStayUnchanged)
 #define EXPECT_EMPTY(type, getter, setter, unit) EXPECT_FALSE(bare->getter().has_value()) << #getter;
     LIBKESTREL_GPU_PROPERTIES(EXPECT_EMPTY)
 #undef EXPECT_EMPTY
-}
-
-TEST(Merge, RulesHandleTiesAndEmptySides)
-{
-    EXPECT_EQ(libKestrel::mergeNames(Text("ABCD"), Text("WXYZ")), Text("WXYZ"));
-    EXPECT_EQ(libKestrel::mergeUUIDs(Text("short"), Text("GPU-0f3a")), Text("GPU-0f3a"));
-    EXPECT_EQ(libKestrel::mergeNames(std::nullopt, std::nullopt), std::nullopt);
-    EXPECT_EQ(libKestrel::mergeSLI(Flag(true), std::nullopt), Flag(true));
-    EXPECT_EQ(libKestrel::mergeSLI(std::nullopt, Flag(false)), Flag(false));
-    EXPECT_EQ(libKestrel::mergeSLI(Flag(true), Flag(true)), Flag(true));
-    EXPECT_EQ(libKestrel::mergeMemory(std::nullopt, U64(3)), U64(3));
-    EXPECT_EQ(libKestrel::mergeNativeMonitorHandle(std::nullopt, Handle(&monitorB)), Handle(&monitorB));
-    EXPECT_EQ(libKestrel::mergeNativeMonitorHandle(Handle(nullptr), Handle(&monitorB)), Handle(nullptr));
-}
-
-TEST(Merge, ListKeepsFirstAppearanceOrderAndDropsUnlocatedRecords)
-{
-    LogCapture capture(Priority::WARNING);
-    EXPECT_TRUE(libKestrel::mergeGPUs({}).empty());
-    EXPECT_TRUE(capture.lines().empty());
-
-    auto a1 = gpuAt(0x65);
-    auto b = gpuAt(0x01);
-    auto a2 = gpuAt(0x65);
-    auto a3 = gpuAt(0x65);
-    auto c = gpuAt(0x01, 0, 1); // same bus and device as b, another function
-    a1->setName(std::string("first"));
-    a2->setName(std::string("second!"));
-    a3->setName(std::string("third"));
-    a1->setCoreCount(std::uint32_t{10});
-    a3->setCoreCount(std::uint32_t{4});
-
-    const auto merged = libKestrel::mergeGPUs(
-        {a1, std::make_shared<kestrel::test::UnlocatedGPU>(), b, a2, nullptr, c, a3});
-    ASSERT_EQ(merged.size(), 3u);
-    EXPECT_EQ(*merged[0]->pciLocation(), *a1->pciLocation());
-    EXPECT_EQ(merged[1], b) << "a record without a counterpart is passed through, not copied";
-    EXPECT_EQ(merged[2], c);
-    // ((a1 with a2) with a3): the longest name and the smallest core count.
-    EXPECT_EQ(merged[0]->name(), "second!");
-    EXPECT_EQ(merged[0]->coreCount(), 4u);
-    EXPECT_EQ(a1->name(), "first");
-
-    EXPECT_EQ(capture.of("libKestrel.Kestrel"),
-              (std::vector<std::string>{"3|294 Could not obtain PCI Location from GPU",
-                                        "3|294 Could not obtain PCI Location from GPU"}));
-}
-
-TEST(Merge, TracesEachPropertyMergeUnderItsOwnName)
-{
-    LogCapture capture(Priority::TRACE);
-    libKestrel::mergeGPUs({gpuAt(1), gpuAt(1)});
-    const auto lines = capture.of("libKestrel.Kestrel");
-    const auto entries = [&](const std::string& function) {
-        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line.rfind("1|Entering " + function + " ", 0) == 0;
-        });
-    };
-    EXPECT_EQ(entries("mergeGPUs"), 1);
-    EXPECT_EQ(entries("mergeTwoGPUs"), 1);
-    EXPECT_EQ(entries("mergeNames"), 1);
-    EXPECT_EQ(entries("mergeMemory"), 3);
-    EXPECT_EQ(entries("mergeECCErrorCounts"), 4);
-    EXPECT_EQ(entries("mergeNativeMonitorHandle"), 1);
-    EXPECT_EQ(lines.front(), "1|Entering mergeGPUs (libKestrel/src/Kestrel.cpp:120)");
-    EXPECT_EQ(lines.back(), "1|Leaving mergeGPUs");
 }
 
 using MergeDeathTest = testing::Test;

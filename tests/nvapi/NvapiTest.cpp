@@ -27,8 +27,6 @@ namespace {
 using namespace kestrel::test;
 using libKestrel::NVIDIAGPU;
 using testing::IsSupersetOf;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<LogLine>;
 using Calls = std::pair<size_t, size_t>;
 namespace nvapi = libKestrel::nvapi;
 
@@ -99,9 +97,9 @@ TEST_F(Nvapi, EachGpuBecomesOneRecordWithEverythingNvapiKnows)
     LogCapture capture;
     EXPECT_EQ(describe(query()), pairWithout({}));
     // Every value read is logged, at TRACE.
-    EXPECT_THAT(capture.messages(querier), IsSupersetOf({"1|119 Enumerated physical NVidia GPU count: 2",
+    EXPECT_THAT(capture.of(querier), IsSupersetOf({"1|119 Enumerated physical NVidia GPU count: 2",
                                                          "1|61 Found PCI location information: 0000:65:00.0"}));
-    EXPECT_THAT(capture.messages(perProperty),
+    EXPECT_THAT(capture.of(perProperty),
                 IsSupersetOf({"1|44 PCI location: Bus: 101, Device: 0", "1|66 Product name: NVIDIA GeForce RTX 2080 Ti",
                               "1|82 Driver version: 45206", "1|83 Driver version branch: r452_06",
                               "1|99 VBIOS version: 90.02.0B.00.01", "1|216 Core count: 4352",
@@ -150,14 +148,14 @@ TEST_F(Nvapi, EachFailureCostsOnlyItsOwnPropertiesAndOneWarning)
         LogCapture capture(Priority::WARNING);
         const Records records = query();
         EXPECT_EQ(describe(records), row.records);
-        EXPECT_EQ(capture.messages(), Lines{row.warning});
+        EXPECT_EQ(capture.messages(), LogLines{row.warning});
         EXPECT_EQ(machine.count("NvAPI_GPU_GetFullName"), records.size()) << "an unlocated GPU is asked no more";
         expectNvapiReleased();
     }
     // No GPU at all is no failure: one TRACE line and no record.
     const SourceRun run = runSource(libKestrel::queryNVidiaGPUs, R"({"gpus": []})");
     EXPECT_TRUE(run.records.empty() && run.status.none());
-    EXPECT_EQ(run.lines, (Lines{{querier, 1, "119 Enumerated physical NVidia GPU count: 0"}}));
+    EXPECT_EQ(run.lines, (LogLines{{querier, 1, "119 Enumerated physical NVidia GPU count: 0"}}));
 }
 
 // The driver version keeps no leading zero in its minor number; bus types follow
@@ -276,14 +274,14 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
         const HeldNvapi nvapi(8);
         EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 2u);
         EXPECT_EQ(summaries(gpus), both) << "the laptop's memory and slot reads failed, the slot's silently";
-        EXPECT_EQ(capture.messages(), (Lines{{device, 2, "99 Total Video Memory 50331648 kb"},
+        EXPECT_EQ(capture.messages(), (LogLines{{device, 2, "99 Total Video Memory 50331648 kb"},
                                              {device, 3, "28 Function : NvAPI_GPU_GetMemoryInfo returns NVAPI_ERROR"}}))
             << "no memory line for the laptop";
         capture.clear();
         EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
         EXPECT_EQ(summaries(gpus), both) << "a failed enumeration leaves the list alone";
-        EXPECT_EQ(capture.messages(),
-                  (Lines{{device, 3, "28 Function : NvAPI_EnumPhysicalGPUs returns NVAPI_NVIDIA_DEVICE_NOT_FOUND"}}));
+        EXPECT_EQ(capture.messages(), (LogLines{{device, 3, "28 Function : NvAPI_EnumPhysicalGPUs returns "
+                                                            "NVAPI_NVIDIA_DEVICE_NOT_FOUND"}}));
         EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
         EXPECT_TRUE(gpus.empty()) << "no GPUs empties the list";
     }
@@ -293,7 +291,7 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
     EXPECT_THROW(NVIDIAGPU::enumerate(gpus), std::exception);
     EXPECT_EQ(gpus.size(), 1u) << "the GPUs before the unreadable one are kept";
     EXPECT_EQ(capture.messages(),
-              (Lines{{device, 2, "99 Total Video Memory 50331648 kb"},
+              (LogLines{{device, 2, "99 Total Video Memory 50331648 kb"},
                      {device, 3, "28 Function : NvAPI_GPU_GetBusId returns NVAPI_INVALID_HANDLE"}}));
 }
 
@@ -316,7 +314,7 @@ TEST_F(NvidiaGpu, ConstructionByLocationFindsTheGpuThere)
     const HeldNvapi nvapi(8);
     LogCapture capture(Priority::WARNING);
     EXPECT_THROW({ NVIDIAGPU gpu(pci::PciLocation(2, 3, 0, 0)); }, std::exception);
-    EXPECT_EQ(capture.messages(), (Lines{{device, 3, "113 No NVIDIA GPUS enumerated."}}));
+    EXPECT_EQ(capture.messages(), (LogLines{{device, 3, "113 No NVIDIA GPUS enumerated."}}));
 }
 
 // Sensors are counted by target but read by position: the desktop GPU's one GPU
@@ -325,7 +323,7 @@ TEST_F(NvidiaGpu, ConstructionByLocationFindsTheGpuThere)
 TEST_F(NvidiaGpu, TemperaturesAreReadByPositionForEachGpuSensor)
 {
     const std::string failing = machine(R"(, "faults": {"NvAPI_GPU_GetThermalSettings": {"call": 2, "return": -1}})");
-    const struct { const char* name; std::string scenario; std::vector<float> temps; size_t reads; Lines warnings;
+    const struct { const char* name; std::string scenario; std::vector<float> temps; size_t reads; LogLines warnings;
                    Priority::LOGGER_PRIORITY threshold = Priority::WARNING; } rows[] = {
         {"current driver", machine(), {70.0f}, 3, {}},
         {"old driver: revision 2 refused, revision 1 asked", machine("", R"("oldDriver": true)"), {70.0f}, 6, {}},
@@ -362,13 +360,13 @@ TEST_F(NvidiaGpu, LiveAnswersAndTheirFailures)
     // Whole MHz; the memory clock is read though marked absent.
     EXPECT_EQ(answers(gpus[0]), "fan 1450, stereo, current 1530/1529, base 1395/7000, temperatures 70");
     EXPECT_EQ(answers(gpus[1]), "fan 2100, stereo, current 0/0, base 0/0, no temperature");
-    EXPECT_EQ(capture.messages(), Lines{});
+    EXPECT_EQ(capture.messages(), LogLines{});
 
     held.reset();
     expectNvapiReleased();
     EXPECT_EQ(answers(gpus[0]), "fan 0, mono, no current 77/77, no base 77/77, no temperature");
     // NVAPI cannot describe its status while it is down: the number stands in.
-    EXPECT_EQ(capture.messages(), (Lines{{device, 3, "28 Function : NvAPI_GPU_GetThermalSettings returns -4"}}));
+    EXPECT_EQ(capture.messages(), (LogLines{{device, 3, "28 Function : NvAPI_GPU_GetThermalSettings returns -4"}}));
     EXPECT_EQ(summary(gpus[0]), "0000:65:00.0 'Quadro RTX 8000' 50331648 KB desktop") << "captured when built";
     // The one line the Optimus check writes: its trace, under its older name.
     EXPECT_TRUE(capture.has(device, 1, "Entering NVIDIAAdapterInfo::isOptimus (libKestrel/windows/NVIDIAGPU.cpp:150)"));
@@ -383,7 +381,7 @@ TEST_F(NvidiaGpu, SliMembershipListsTheOtherGpusOfTheGroup)
                   {"name": "B", "pci": {"bus": 2}, "nvapi": {}}, {"name": "C", "pci": {"bus": 3}, "nvapi": {}},
                   {"name": "D", "pci": {"bus": 4}, "nvapi": {}}], "faults": {)" + faults + "}}";
     };
-    const struct { const char* name; size_t asking; std::string faults; std::vector<std::string> others; Lines warnings;
+    const struct { const char* name; size_t asking; std::string faults; Lines others; LogLines warnings;
                    bool throws = false; } rows[] = {
         {"in a group", 0, "", {"0000:02:00.0 'B' 0 KB desktop", "0000:03:00.0 'C' 0 KB desktop"}, {}},
         {"alone in its logical GPU", 3, "", {}, {}},
@@ -485,7 +483,7 @@ void expectNoNvapi(nvapi::NvAPI_Status status)
 {
     const SourceRun run = runSource(libKestrel::queryNVidiaGPUs, oneGpu, Priority::WARNING);
     EXPECT_TRUE(run.records.empty() && run.status.none());
-    EXPECT_EQ(run.lines, (Lines{{querier, 3, "105 Could not initialize NVAPI"}}));
+    EXPECT_EQ(run.lines, (LogLines{{querier, 3, "105 Could not initialize NVAPI"}}));
     expectNvapiReleased();
 
     EXPECT_EQ(nvapi::NvAPI_Initialize(), status);
@@ -496,7 +494,7 @@ void expectNoNvapi(nvapi::NvAPI_Status status)
     EXPECT_EQ(NVIDIAGPU::enumerate(gpus), 0u);
     EXPECT_THROW({ NVIDIAGPU gpu(pci::PciLocation(9, 0, 0, 0)); }, std::exception);
     const LogLine down{device, 3, "28 Function : NvAPI_EnumPhysicalGPUs returns -4"}; // no status text while down
-    EXPECT_EQ(capture.messages(), (Lines{down, down, {device, 3, "113 No NVIDIA GPUS enumerated."}}));
+    EXPECT_EQ(capture.messages(), (LogLines{down, down, {device, 3, "113 No NVIDIA GPUS enumerated."}}));
 }
 
 // Run once per process that finds no NVAPI on its search path: none at all, a
@@ -518,7 +516,7 @@ TEST(NvapiVariant, AMissingEntryCostsOnlyWhatItWouldHaveAnswered)
               std::vector<std::string>{"0000:09:00.0 name=Only driverVersion=452.6 hardwareAcceleration=true "
                                        "vbiosVersion=86.04.50.00.70 dedicatedMemory=0 availableDedicatedMemory=0 "
                                        "busType=PCI Express eccSupported=false eccEnabled=false sli=false"});
-    EXPECT_EQ(run.lines, (Lines{{perProperty, 3, "212 Could not retrieve GPU core count: -3"}}));
+    EXPECT_EQ(run.lines, (LogLines{{perProperty, 3, "212 Could not retrieve GPU core count: -3"}}));
     expectNvapiReleased();
     {
         SimulatedMachine machine(oneGpu);
@@ -527,8 +525,8 @@ TEST(NvapiVariant, AMissingEntryCostsOnlyWhatItWouldHaveAnswered)
         std::vector<NVIDIAGPU> gpus;
         std::vector<float> temps;
         EXPECT_TRUE(NVIDIAGPU::enumerate(gpus) == 1 && !gpus[0].currentTemperature(temps)) << "no sensors listed";
-        EXPECT_EQ(capture.messages(),
-                  (Lines{{device, 3, "28 Function : NvAPI_GPU_GetThermalSettings returns NVAPI_NO_IMPLEMENTATION"}}));
+        EXPECT_EQ(capture.messages(), (LogLines{{device, 3, "28 Function : NvAPI_GPU_GetThermalSettings returns "
+                                                            "NVAPI_NO_IMPLEMENTATION"}}));
     }
     expectNvapiReleased();
 }

@@ -9,10 +9,8 @@
 
 #include "common/Modules.h"
 #include "common/Paths.h"
-#include "common/Records.h"
 #include "common/Simulator.h"
 #include "common/Sources.h"
-#include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
@@ -25,9 +23,6 @@
 namespace {
 
 using namespace kestrel::test;
-using Priority = tova::LoggerPriority;
-using Lines = std::vector<std::string>;
-using LogLines = std::vector<LogLine>;
 
 const std::string binding = "libKestrel.NVML";
 const std::string querier = "libKestrel.NVidiaNvmlGPUQuerierMulti";
@@ -158,25 +153,10 @@ LogLines quadroRead()
     return lines;
 }
 
-TEST(NvmlSource, ReadsEveryDeviceLogsEachValueAndMergesWithTheOtherSources)
+// The records of both cards are in the rows of the next test.
+TEST(NvmlSource, ReadsEveryDeviceAndLogsEachValue)
 {
     EXPECT_EQ(runNvml("sim_nvml", scenario({quadro}), Priority::TRACE).lines, quadroRead());
-
-    SimulatedModules modules{"sim_nvml", "sim_glfw"};
-    SimulatedMachine machine(scenario({quadro, R"({"name": "Radeon", "pci": {"bus": 3}, "adl": {}})", tesla}));
-    // Another source's view of the Quadro: the driver version NVML does not give.
-    const auto driverSource = [](std::bitset<4>&) -> Records {
-        auto gpu = gpuAt(101);
-        gpu->setDriverVersion(std::string("552.44"));
-        return {gpu};
-    };
-    std::bitset<4> status;
-    std::string merged = quadroRecord;
-    merged.insert(merged.find(" hardwareAcceleration"), " driverVersion=552.44");
-    EXPECT_EQ(describe(libKestrel::queryAllGPUs({}, {libKestrel::queryNVidiaNvmlGPUsMulti, driverSource}, status)),
-              (Lines{merged, teslaRecord}));
-    EXPECT_TRUE(status.none());
-    expectReleased();
 }
 
 TEST(NvmlSource, EachFailureIsReportedAndCostsOnlyWhatDependsOnIt)
@@ -383,23 +363,6 @@ TEST(NvmlSource, TextsEndAtTheirNulAndNeverRunPastOurBuffer)
                          " uuid=" + uuid80,
                      "0000:02:00.0 hardwareAcceleration=true uuid=GPU-00000000-0000-0000-0000-000000000002"}));
     EXPECT_THAT(run.lines, testing::Contains(LogLine{binding, 1, "89 Product name: " + name64}));
-}
-
-TEST(NvmlBinding, ALoadCallsNoNvmlFunctionAndOneReleaseUndoesRepeatedLoads)
-{
-    SimulatedMachine machine("{}");
-    LogCapture capture(Priority::WARNING);
-    {
-        SimulatedModules modules{"sim_nvml"};
-        EXPECT_TRUE(libKestrel::initializeLibrary());
-        EXPECT_TRUE(libKestrel::initializeLibrary()) << "a second load replaces the first";
-        libKestrel::uninitializeLibrary();
-        expectReleased();
-        libKestrel::uninitializeLibrary(); // releasing what is not held changes nothing
-        expectReleased();
-    }
-    EXPECT_EQ(machine.journal(), (Lines{"load nvml", "unload nvml"}));
-    EXPECT_EQ(capture.messages(), LogLines{});
 }
 
 // Run in a process of its own, whose module search path holds a file under

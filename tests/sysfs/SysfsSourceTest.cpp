@@ -11,11 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "common/LogCapture.h"
-#include "common/Modules.h"
 #include "common/Paths.h"
-#include "common/Simulator.h"
 #include "common/Sources.h"
-#include "libKestrel/Query.h"
 #include "libKestrel/Sources.h"
 
 namespace {
@@ -157,46 +154,28 @@ TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
 
 TEST(Sysfs, ATreeLibpciCannotReadGivesNoRecordsAndSaysWhich)
 {
-    {
+    const struct {
+        const char* name;
+        void (*spoil)(const fs::path& root); // of a tree with one device, 0000:03:00.0
+        std::string unreadable;              // below the tree's root, or the folder's full path
+    } rows[] = {
+        {"a folder that is no device",
+         [](const fs::path& root) { fs::create_directories(root / "bus/pci/devices/junk"); }, "junk"},
+        {"a device without its class",
+         [](const fs::path& root) { fs::remove(root / "bus/pci/devices/0000:03:00.0/class"); }, "0000:03:00.0/class"},
+        {"no devices folder", [](const fs::path& root) { fs::remove_all(root / "bus"); }, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
         SysfsTree tree;
         tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
-        fs::create_directories(tree.root() / "bus/pci/devices/junk");
+        row.spoil(tree.root());
         LogCapture capture(tova::LoggerPriority::WARNING);
         EXPECT_TRUE(querySysfs().empty());
-        EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: junk"});
+        const std::string which =
+            row.unreadable.empty() ? (tree.root() / "bus/pci/devices").u8string() : row.unreadable;
+        EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: " + which});
     }
-    {
-        SysfsTree tree;
-        const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
-        fs::remove(device / "class");
-        LogCapture capture(tova::LoggerPriority::WARNING);
-        EXPECT_TRUE(querySysfs().empty());
-        EXPECT_EQ(capture.of("libKestrel.PCI"),
-                  Lines{"3|135 Cannot enumerate the PCI devices, unreadable: 0000:03:00.0/class"});
-    }
-    SysfsTree tree;
-    fs::remove_all(tree.root() / "bus");
-    LogCapture capture(tova::LoggerPriority::WARNING);
-    EXPECT_TRUE(querySysfs().empty());
-    EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: " +
-                                                  (tree.root() / "bus/pci/devices").u8string()});
-}
-
-// The kernel's and NVML's records of one NVIDIA card meet at its location.
-TEST(Sysfs, TheRecordOfAnNvidiaCardMergesWithNvmls)
-{
-    const kestrel::test::SimulatedModules nvml{"sim_nvml", "sim_glfw"};
-    kestrel::test::SimulatedMachine machine(
-        R"({"gpus": [{"name": "NVIDIA GeForce RTX 3090", "pci": {"bus": 101}, "nvml": {"temperature": 48}}]})");
-    SysfsTree tree;
-    tree.device("0000:65:00.0", "0x10de", "0x2204", "0x030000", "nvidia", {{"current_link_speed", "8.0 GT/s PCIe\n"}});
-    std::bitset<4> status;
-    const auto merged =
-        libKestrel::queryAllGPUs({}, {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::querySysfsGPUs}, status);
-    ASSERT_EQ(merged.size(), 1u);
-    EXPECT_EQ(merged[0]->name(), "NVIDIA Corporation GA102 [GeForce RTX 3090]") << "the longer name";
-    EXPECT_EQ(merged[0]->temperatureCurrent(), 48u);
-    EXPECT_EQ(merged[0]->busType(), "PCI Express");
 }
 
 } // namespace
