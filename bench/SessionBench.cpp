@@ -25,11 +25,10 @@ namespace adl = libKestrel::adl;
 namespace nvml = libKestrel::nvml;
 
 // The sources a Linux machine with NVIDIA and AMD drivers has.
-const std::vector<libKestrel::GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti,
-                                                     libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti};
+const std::vector<libKestrel::GPUQuerier> sources = {
+    libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti};
 
-std::string workstation()
-{
+std::string workstation() {
     std::ifstream file(KESTREL_WORKSTATION);
     std::stringstream text;
     text << file.rdbuf();
@@ -37,8 +36,7 @@ std::string workstation()
 }
 
 // Eight NVIDIA cards (NVML and CUDA) and eight AMD cards (ADL, three adapters each).
-std::string sixteenGpus()
-{
+std::string sixteenGpus() {
     std::string gpus;
     for (int i = 0; i < 8; ++i) {
         const std::string n = std::to_string(i);
@@ -49,17 +47,17 @@ std::string sixteenGpus()
         gpus += R"({"name": "Radeon )" + n + R"(", "pci": {"bus": )" + std::to_string(10 + i) +
                 R"(}, "adl": {"adapters": 3, "overdrive5": {"temperature": 6)" + n +
                 R"(000}, "overdrive6": {"engineClock": 215500, "memoryClock": 200000, "activity": 7,)"
-                R"( "fan": {"percent": 22, "rpm": 980}}}})" + (i < 7 ? ", " : "");
+                R"( "fan": {"percent": 22, "rpm": 980}}}})" +
+                (i < 7 ? ", " : "");
     }
     return R"({"gpus": [)" + gpus + "]}";
 }
 
 // The workstation whose NVML, CUDA driver and ADL each take 250 ms to start.
-std::string slowWorkstation()
-{
+std::string slowWorkstation() {
     std::string scenario = workstation();
     const std::string latency = R"("initLatencyMs": 250, )";
-    for (const char* section : {"\"nvml\": { ", "\"cudaDriver\": { "})
+    for (const char *section : {"\"nvml\": { ", "\"cudaDriver\": { "})
         scenario.insert(scenario.find(section) + std::string(section).size(), latency);
     scenario.insert(scenario.find('{') + 1, R"( "adl": { "initLatencyMs": 250 },)");
     return scenario;
@@ -70,19 +68,18 @@ enum MachineKind { Workstation, Sixteen, SlowWorkstation };
 // The machine of a benchmark's argument, in force while it lives.
 class Machine {
 public:
-    explicit Machine(const benchmark::State& state)
-    {
+    explicit Machine(const benchmark::State &state) {
         simulatedModules();
         const auto kind = static_cast<MachineKind>(state.range(0));
-        const std::string scenario =
-            kind == Sixteen ? sixteenGpus() : kind == SlowWorkstation ? slowWorkstation() : workstation();
+        const std::string scenario = kind == Sixteen           ? sixteenGpus()
+                                     : kind == SlowWorkstation ? slowWorkstation()
+                                                               : workstation();
         kestrelSimSetScenario(scenario.c_str());
     }
     ~Machine() { kestrelSimSetScenario(nullptr); }
 };
 
-void BM_OneShotQuery(benchmark::State& state)
-{
+void BM_OneShotQuery(benchmark::State &state) {
     const Machine machine(state);
     for (auto _ : state) {
         std::bitset<4> status;
@@ -90,15 +87,16 @@ void BM_OneShotQuery(benchmark::State& state)
     }
 }
 
-void BM_SessionRefresh(benchmark::State& state)
-{
+void BM_SessionRefresh(benchmark::State &state) {
     const Machine machine(state);
     libKestrel::Session session(sources);
     for (auto _ : state)
         session.refresh();
 }
 
-void* allocate(int size) { return std::malloc(static_cast<std::size_t>(size)); }
+void *allocate(int size) {
+    return std::malloc(static_cast<std::size_t>(size));
+}
 
 // The readings a refresh gives, read by calling the simulated NVML and ADL
 // directly, with both kept open and the devices and adapters enumerated once:
@@ -106,20 +104,22 @@ void* allocate(int size) { return std::malloc(static_cast<std::size_t>(size)); }
 // AMD GPU temperature, current status and fan speed.
 class DirectCalls {
 public:
-    explicit DirectCalls(const SimulatedModules& sim)
-    {
-        const auto nvmlEntry = [&sim](const char* name) { return sim.entry<void*>(SimulatedModules::nvml, name); };
-        const auto adlEntry = [&sim](const char* name) { return sim.entry<void*>(SimulatedModules::adl, name); };
+    explicit DirectCalls(const SimulatedModules &sim) {
+        const auto nvmlEntry = [&sim](const char *name) { return sim.entry<void *>(SimulatedModules::nvml, name); };
+        const auto adlEntry = [&sim](const char *name) { return sim.entry<void *>(SimulatedModules::adl, name); };
         nvmlInit = reinterpret_cast<nvml::PFN_nvmlInit_v2>(nvmlEntry("nvmlInit_v2"));
         nvmlShutdown = reinterpret_cast<nvml::PFN_nvmlShutdown>(nvmlEntry("nvmlShutdown"));
-        utilization = reinterpret_cast<nvml::PFN_nvmlDeviceGetUtilizationRates>(nvmlEntry("nvmlDeviceGetUtilizationRates"));
+        utilization =
+            reinterpret_cast<nvml::PFN_nvmlDeviceGetUtilizationRates>(nvmlEntry("nvmlDeviceGetUtilizationRates"));
         ecc = reinterpret_cast<nvml::PFN_nvmlDeviceGetDetailedEccErrors>(nvmlEntry("nvmlDeviceGetDetailedEccErrors"));
         temperature = reinterpret_cast<nvml::PFN_nvmlDeviceGetTemperature>(nvmlEntry("nvmlDeviceGetTemperature"));
         fan = reinterpret_cast<nvml::PFN_nvmlDeviceGetFanSpeed>(nvmlEntry("nvmlDeviceGetFanSpeed"));
         create = reinterpret_cast<adl::PFN_ADL_Main_Control_Create>(adlEntry("ADL_Main_Control_Create"));
         destroy = reinterpret_cast<adl::PFN_ADL_Main_Control_Destroy>(adlEntry("ADL_Main_Control_Destroy"));
-        odTemperature = reinterpret_cast<adl::PFN_ADL_Overdrive5_Temperature_Get>(adlEntry("ADL_Overdrive5_Temperature_Get"));
-        odStatus = reinterpret_cast<adl::PFN_ADL_Overdrive6_CurrentStatus_Get>(adlEntry("ADL_Overdrive6_CurrentStatus_Get"));
+        odTemperature =
+            reinterpret_cast<adl::PFN_ADL_Overdrive5_Temperature_Get>(adlEntry("ADL_Overdrive5_Temperature_Get"));
+        odStatus =
+            reinterpret_cast<adl::PFN_ADL_Overdrive6_CurrentStatus_Get>(adlEntry("ADL_Overdrive6_CurrentStatus_Get"));
         odFan = reinterpret_cast<adl::PFN_ADL_Overdrive6_FanSpeed_Get>(adlEntry("ADL_Overdrive6_FanSpeed_Get"));
 
         nvmlInit();
@@ -127,26 +127,27 @@ public:
         reinterpret_cast<nvml::PFN_nvmlDeviceGetCount_v2>(nvmlEntry("nvmlDeviceGetCount_v2"))(&count);
         devices.resize(count);
         for (unsigned int i = 0; i < count; ++i)
-            reinterpret_cast<nvml::PFN_nvmlDeviceGetHandleByIndex>(nvmlEntry("nvmlDeviceGetHandleByIndex"))(i, &devices[i]);
+            reinterpret_cast<nvml::PFN_nvmlDeviceGetHandleByIndex>(nvmlEntry("nvmlDeviceGetHandleByIndex"))(
+                i, &devices[i]);
 
         create(allocate, 1);
         int adapters = 0;
-        reinterpret_cast<adl::PFN_ADL_Adapter_NumberOfAdapters_Get>(adlEntry("ADL_Adapter_NumberOfAdapters_Get"))(&adapters);
+        reinterpret_cast<adl::PFN_ADL_Adapter_NumberOfAdapters_Get>(adlEntry("ADL_Adapter_NumberOfAdapters_Get"))(
+            &adapters);
         std::vector<adl::AdapterInfo> info(static_cast<std::size_t>(adapters));
         reinterpret_cast<adl::PFN_ADL_Adapter_AdapterInfo_Get>(adlEntry("ADL_Adapter_AdapterInfo_Get"))(
             info.data(), adapters * static_cast<int>(sizeof(adl::AdapterInfo)));
-        for (const adl::AdapterInfo& adapter : info) // the first adapter of each GPU
-            if (indices.empty() || adapter.iBusNumber != info[static_cast<std::size_t>(indices.back().second)].iBusNumber)
+        for (const adl::AdapterInfo &adapter : info) // the first adapter of each GPU
+            if (indices.empty() ||
+                adapter.iBusNumber != info[static_cast<std::size_t>(indices.back().second)].iBusNumber)
                 indices.emplace_back(adapter.iAdapterIndex, &adapter - info.data());
     }
-    ~DirectCalls()
-    {
+    ~DirectCalls() {
         destroy();
         nvmlShutdown();
     }
 
-    void read()
-    {
+    void read() {
         for (nvml::nvmlDevice_t device : devices) {
             nvml::nvmlUtilization_t rates{};
             utilization(device, &rates);
@@ -159,7 +160,7 @@ public:
             fan(device, &value);
             benchmark::DoNotOptimize(value);
         }
-        for (const auto& [index, position] : indices) {
+        for (const auto &[index, position] : indices) {
             adl::ADLTemperature degrees{};
             degrees.iSize = sizeof degrees;
             odTemperature(index, 0, &degrees);
@@ -188,16 +189,14 @@ private:
     std::vector<std::pair<int, std::ptrdiff_t>> indices; // adapter index, place in ADL's list
 };
 
-void BM_DirectVendorCalls(benchmark::State& state)
-{
+void BM_DirectVendorCalls(benchmark::State &state) {
     const Machine machine(state);
     DirectCalls calls(simulatedModules());
     for (auto _ : state)
         calls.read();
 }
 
-void machines(benchmark::internal::Benchmark* benchmark)
-{
+void machines(benchmark::internal::Benchmark *benchmark) {
     benchmark->ArgName("machine")->Arg(Workstation)->Arg(Sixteen)->Unit(benchmark::kMicrosecond)->UseRealTime();
 }
 
@@ -205,6 +204,11 @@ BENCHMARK(BM_DirectVendorCalls)->Apply(machines);
 BENCHMARK(BM_SessionRefresh)->Apply(machines);
 BENCHMARK(BM_OneShotQuery)->Apply(machines);
 BENCHMARK(BM_SessionRefresh)->Arg(SlowWorkstation)->ArgName("slow")->Unit(benchmark::kMicrosecond)->UseRealTime();
-BENCHMARK(BM_OneShotQuery)->Arg(SlowWorkstation)->ArgName("slow")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
+BENCHMARK(BM_OneShotQuery)
+    ->Arg(SlowWorkstation)
+    ->ArgName("slow")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(2);
 
 } // namespace

@@ -3,11 +3,10 @@
 // answering, and gives readers whole snapshots while another thread refreshes.
 #include <algorithm>
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "common/LogCapture.h"
 #include "common/Modules.h"
@@ -22,67 +21,56 @@ namespace {
 using kestrel::test::describe;
 using kestrel::test::LogCapture;
 using kestrel::test::SimulatedMachine;
-using kestrel::test::SimulatedModules;
+using libKestrel::GPUQuerier;
+using nlohmann::json;
+using Lines = std::vector<std::string>;
 
-const std::vector<libKestrel::GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
-                                                     libKestrel::queryAMDGPUsMulti};
+const std::vector<GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
+                                         libKestrel::queryAMDGPUsMulti};
 
-// An NVIDIA card seen by NVML, NVAPI and CUDA and an AMD card, both at 'load' degrees
-// and percent busy; with 'second', another NVIDIA card; without 'nvidia' or
-// 'amd', the machine has lost that card.
-struct Machine {
-    int load = 40;
-    bool second = false;
-    bool nvidia = true;
-    bool amd = true;
-
-    std::string json() const
-    {
-        const std::string value = std::to_string(load);
-        std::vector<std::string> gpus;
-        if (nvidia)
-            gpus.push_back(R"({"name": "RTX", "pci": {"bus": 101}, "nvml": {"temperature": )" + value +
-                           R"(, "utilization": {"gpu": )" + value + R"(}}, "nvapi": {}, "cuda": {}})");
-        if (amd)
-            gpus.push_back(R"({"name": "Radeon", "pci": {"bus": 3}, "adl": {"adapters": 2, "overdrive5": {"temperature": )" +
-                           value + R"(000}, "overdrive6": {"activity": )" + value + R"(}}})");
-        if (second)
-            gpus.push_back(R"({"name": "Second", "pci": {"bus": 102}, "nvml": {}})");
-        std::string text;
-        for (const auto& gpu : gpus)
-            text += (text.empty() ? "" : ", ") + gpu;
-        return R"({"gpus": [)" + text + "]}";
-    }
-};
+// An NVIDIA card seen by NVML, NVAPI and CUDA and an AMD card, both at 'load'
+// degrees and percent busy, less the cards named in 'gone'; with 'second',
+// another NVIDIA card.
+std::string machine(int load, const std::string& gone = "", bool second = false)
+{
+    json gpus = json::array();
+    if (gone != "nvidia")
+        gpus.push_back({{"name", "RTX"}, {"pci", {{"bus", 101}}}, {"nvapi", json::object()}, {"cuda", json::object()},
+                        {"nvml", {{"temperature", load}, {"utilization", {{"gpu", load}}}}}});
+    if (gone != "amd")
+        gpus.push_back({{"name", "Radeon"}, {"pci", {{"bus", 3}}},
+                        {"adl", {{"adapters", 2}, {"overdrive5", {{"temperature", load * 1000}}},
+                                 {"overdrive6", {{"activity", load}}}}}});
+    if (second)
+        gpus.push_back({{"name", "Second"}, {"pci", {{"bus", 102}}}, {"nvml", json::object()}});
+    return json{{"gpus", gpus}}.dump();
+}
 
 class Session : public testing::Test {
 protected:
-    SimulatedModules modules{"sim_nvml", "sim_nvapi", "sim_cuda", "sim_adl", "sim_glfw"};
+    kestrel::test::SimulatedModules modules{"sim_nvml", "sim_nvapi", "sim_cuda", "sim_adl", "sim_glfw"};
 };
 
 TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
 {
-    SimulatedMachine simulated(Machine{}.json());
+    SimulatedMachine simulated(machine(40));
     {
         libKestrel::Session session(sources);
         for (int i = 0; i < 5; ++i)
             session.refresh();
-        EXPECT_EQ(simulated.count("nvml initialized"), 1u) << "NVML started once";
-        EXPECT_EQ(simulated.count("nvml shut down"), 0u);
-        EXPECT_EQ(simulated.count("nvmlInit_v2"), 2u) << "the session's own and the enumeration's";
-        EXPECT_EQ(simulated.count("nvmlDeviceGetCount_v2"), 1u) << "refreshes read through the handles";
-        EXPECT_EQ(simulated.count("nvmlDeviceGetTemperature"), 6u);
-        EXPECT_EQ(simulated.count("nvmlDeviceGetName"), 1u) << "what does not change is read once";
-        EXPECT_EQ(simulated.count("ADL_Overdrive5_Temperature_Get"), 7u) << "both adapters once, then one per GPU";
-        EXPECT_EQ(simulated.count("ADL_Adapter_NumberOfAdapters_Get"), 1u);
-        EXPECT_EQ(simulated.count("ADL2 context 1 created"), 1u);
-        EXPECT_EQ(simulated.count("ADL2 context 1 destroyed"), 0u) << "the session's context stays";
-        std::vector<std::string> up;
+        const std::vector<std::pair<const char*, size_t>> calls = {
+            {"nvml initialized", 1},      {"nvmlInit_v2", 2}, // the session's own and the enumeration's
+            {"nvmlDeviceGetCount_v2", 1}, {"nvmlDeviceGetName", 1}, {"nvmlDeviceGetTemperature", 6},
+            {"ADL_Adapter_NumberOfAdapters_Get", 1}, {"ADL_Overdrive5_Temperature_Get", 2 + 5}, // then one adapter
+            {"ADL2 context 1 created", 1}, {"ADL2 context 1 destroyed", 0}, {"nvml shut down", 0}};
+        for (const auto& [event, count] : calls)
+            EXPECT_EQ(simulated.count(event), count) << event;
+        Lines up;
         for (const auto& source : session.sources())
             up.push_back(source.name + (source.up ? " up" : " down"));
-        EXPECT_EQ(up, (std::vector<std::string>{"nvml up", "nvapi up", "adl up"}));
+        EXPECT_EQ(up, (Lines{"nvml up", "nvapi up", "adl up"}));
         session.close();
-        EXPECT_EQ(describe(session.gpus()).size(), 2u) << "the last snapshot stays readable";
+        EXPECT_EQ(session.gpus().size(), 2u) << "the last snapshot stays readable";
         session.refresh(); // does nothing once closed
     }
     // Each initialisation matched by its shutdown; the session's own released last, in reverse order.
@@ -102,20 +90,14 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
 // the records merged at enumeration), or with a source that runs again (NVAPI).
 TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
 {
-    using libKestrel::GPUQuerier;
-    const std::vector<std::vector<GPUQuerier>> rows = {
-        {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti},
-        sources,
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.size() == sources.size() ? "with NVAPI" : "through handles only");
-        SimulatedMachine simulated(Machine{}.json());
+    const std::vector<GPUQuerier> handlesOnly = {libKestrel::queryNVidiaNvmlGPUsMulti,
+                                                 libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti};
+    for (const auto& row : {handlesOnly, sources}) {
+        SCOPED_TRACE(row == sources ? "with NVAPI" : "through handles only");
+        SimulatedMachine simulated(machine(40));
         libKestrel::Session session(row);
         const auto first = session.gpus();
-        ASSERT_EQ(first.size(), 2u);
-
-        const std::string changed = Machine{65, true}.json();
-        kestrelSimSetScenario(changed.c_str());
+        kestrelSimSetScenario(machine(65, "", true).c_str());
         session.refresh();
         const auto second = session.gpus();
         ASSERT_EQ(second.size(), 2u) << "a refresh reads the GPUs it knows";
@@ -124,63 +106,53 @@ TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
         EXPECT_EQ(first[0]->temperatureCurrent(), 40u) << "an earlier snapshot is never written again";
 
         std::bitset<4> status;
-        const auto queried = libKestrel::queryAllGPUs({}, row, status);
-        auto expected = describe(queried);
-        expected.erase(expected.begin() + 1); // the new card, which only a rescan finds
-        EXPECT_EQ(describe(second), expected);
+        const auto queried = describe(libKestrel::queryAllGPUs({}, row, status));
+        auto known = queried;
+        known.erase(known.begin() + 1); // the new card, which only a rescan finds
+        EXPECT_EQ(describe(second), known);
         session.rescan();
-        EXPECT_EQ(describe(session.gpus()), describe(queried));
+        EXPECT_EQ(describe(session.gpus()), queried);
     }
 }
 
-// A GPU that leaves the machine while the session holds its handle: its record
-// stays with what does not change, its readings go, and one line says so. An
-// ADL adapter index that comes back answers again, with a line; NVML's lost
-// handle stays lost until a rescan.
+// A GPU that leaves the machine while the session holds its handle keeps what
+// does not change and loses its readings, with one line and no vendor lines at
+// the refreshes after. An ADL adapter index that comes back answers again, with
+// a line; NVML's lost handle stays lost until a rescan.
 TEST_F(Session, AGpuThatStopsAnsweringIsReportedOnceAndLosesItsReadings)
 {
-    struct Row {
-        const char* name;
-        libKestrel::GPUQuerier source;
-        Machine without;
+    const struct {
+        GPUQuerier source;
+        const char* gone;
         std::string location;
         bool answersAgain;
-    };
-    const Row rows[] = {
-        {"NVML handle lost", libKestrel::queryNVidiaNvmlGPUsMulti, Machine{40, false, false, true},
-         "0000:65:00.0 (nvml)", false},
-        {"ADL adapter index gone", libKestrel::queryAMDGPUsMulti, Machine{40, false, true, false},
-         "0000:03:00.0 (adl)", true},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        SimulatedMachine simulated(Machine{}.json());
+    } rows[] = {{libKestrel::queryNVidiaNvmlGPUsMulti, "nvidia", "0000:65:00.0 (nvml)", false},
+                {libKestrel::queryAMDGPUsMulti, "amd", "0000:03:00.0 (adl)", true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.location);
+        SimulatedMachine simulated(machine(40));
         libKestrel::Session session({row.source});
         LogCapture log(tova::LoggerPriority::INFO);
-        kestrelSimSetScenario(row.without.json().c_str());
+        kestrelSimSetScenario(machine(40, row.gone).c_str());
         session.refresh();
         EXPECT_EQ(log.of("libKestrel.Session"),
-                  std::vector<std::string>{"3|41 GPU no longer answers, its readings are left out: " + row.location});
+                  Lines{"3|41 GPU no longer answers, its readings are left out: " + row.location});
         log.clear();
         session.refresh();
         session.refresh();
-        EXPECT_EQ(log.messages(), std::vector<kestrel::test::LogLine>{}) << "neither the session nor the vendor again";
+        EXPECT_EQ(log.messages(), std::vector<kestrel::test::LogLine>{});
         const auto gone = session.gpus();
         ASSERT_EQ(gone.size(), 1u);
-        EXPECT_TRUE(gone[0]->name().has_value());
-        EXPECT_FALSE(gone[0]->temperatureCurrent().has_value());
-        EXPECT_FALSE(gone[0]->utilizationGPU().has_value());
+        EXPECT_TRUE(gone[0]->name() && !gone[0]->temperatureCurrent() && !gone[0]->utilizationGPU());
         EXPECT_FALSE(session.sources()[0].up);
 
-
-        kestrelSimSetScenario(Machine{55}.json().c_str());
+        kestrelSimSetScenario(machine(55).c_str());
         session.refresh();
         session.refresh();
         EXPECT_EQ(session.gpus()[0]->temperatureCurrent().has_value(), row.answersAgain);
         EXPECT_EQ(session.sources()[0].up, row.answersAgain);
         EXPECT_EQ(log.of("libKestrel.Session"),
-                  row.answersAgain ? std::vector<std::string>{"2|48 GPU answers again: " + row.location}
-                                   : std::vector<std::string>{});
+                  row.answersAgain ? Lines{"2|48 GPU answers again: " + row.location} : Lines{});
         session.rescan();
         EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 55u);
     }
@@ -190,25 +162,22 @@ TEST_F(Session, AGpuThatStopsAnsweringIsReportedOnceAndLosesItsReadings)
 // its temperature and utilisation from the same machine.
 TEST_F(Session, ReadersSeeWholeSnapshotsWhileAnotherThreadRefreshes)
 {
-    SimulatedMachine simulated(Machine{}.json());
+    SimulatedMachine simulated(machine(40));
     libKestrel::Session session(sources);
     std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
-    std::atomic<int> torn{0};
     std::atomic<int> seen{0};
+    std::atomic<int> torn{0};
+    std::vector<std::thread> readers;
     for (int r = 0; r < 3; ++r)
         readers.emplace_back([&] {
             while (!done)
-                for (const auto& gpu : session.gpus()) {
-                    ++seen;
-                    if (gpu->temperatureCurrent() != gpu->utilizationGPU())
-                        ++torn;
-                }
+                for (const auto& gpu : session.gpus())
+                    torn += ++seen && gpu->temperatureCurrent() != gpu->utilizationGPU() ? 1 : 0;
         });
     while (seen == 0)
         std::this_thread::yield(); // the readers are running
     for (int i = 0; i < 200; ++i) {
-        kestrelSimSetScenario(Machine{i % 2 ? 70 : 40}.json().c_str());
+        kestrelSimSetScenario(machine(i % 2 ? 70 : 40).c_str());
         session.refresh();
     }
     done = true;

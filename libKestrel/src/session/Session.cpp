@@ -248,7 +248,8 @@ void Session::rescan()
         enumerate(kept, status);
     state_->enumerationStatus = status;
     state_->enumerated = mergeGPUs(state_->all());
-    state_->keptOnly = std::all_of(state_->kept.begin(), state_->kept.end(), [](const Kept& kept) { return kept.kept(); });
+    const auto& kept = state_->kept;
+    state_->keptOnly = std::all_of(kept.begin(), kept.end(), [](const Kept& source) { return source.kept(); });
     if (state_->keptOnly)
         state_->placeRecords();
     state_->publish(state_->enumerated, start, status);
