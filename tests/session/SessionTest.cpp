@@ -36,11 +36,13 @@ std::string machine(int load, const std::string& gone = "", bool second = false)
     json gpus = json::array();
     if (gone != "nvidia")
         gpus.push_back({{"name", "RTX"}, {"pci", {{"bus", 101}}}, {"nvapi", json::object()}, {"cuda", json::object()},
-                        {"nvml", {{"temperature", load}, {"utilization", {{"gpu", load}}}}}});
+                        {"nvml", {{"temperature", load}, {"utilization", {{"gpu", load}, {"memory", load}}},
+                                  {"fanSpeed", load}, {"ecc", {{"corrected", {{"volatile", {{"l2Cache", load}}}}}}}}}});
     if (gone != "amd")
         gpus.push_back({{"name", "Radeon"}, {"pci", {{"bus", 3}}},
                         {"adl", {{"adapters", 2}, {"overdrive5", {{"temperature", load * 1000}}},
-                                 {"overdrive6", {{"activity", load}}}}}});
+                                 {"overdrive6", {{"activity", load}, {"engineClock", load * 1000},
+                                                 {"memoryClock", load * 500}, {"fan", {{"percent", load}, {"rpm", load * 30}}}}}}}});
     if (second)
         gpus.push_back({{"name", "Second"}, {"pci", {{"bus", 102}}}, {"nvml", json::object()}});
     return json{{"gpus", gpus}}.dump();
