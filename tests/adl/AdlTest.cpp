@@ -3,23 +3,14 @@
 // the line each failure writes), and the binding that loads ADL for one query
 // and lets it go again. ADL is unloaded after every query, so each test chooses
 // its simulated ADL itself.
-#include <bitset>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <regex>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "common/LogCapture.h"
-#include "common/Modules.h"
-#include "common/Simulator.h"
-#include "common/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/Query.h"
-#include "libKestrel/Sources.h"
 #include "libKestrel/internal/multi/AMD/adlwrapper.h"
 
 namespace {

@@ -2,18 +2,14 @@
 // once a table is made, so each test sets its machine, which the module reads at the next ADL2 context made.
 #include <algorithm>
 #include <exception>
-#include <memory>
 #include <sstream>
-#include <string>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "common/LogCapture.h"
-#include "common/Simulator.h"
+#include "common/Test.h"
 #include "libKestrel/ADLWrapper.h"
 #include "libKestrel/AMDGPU.h"
 #include "libKestrel/internal/windows/ADL.h"

@@ -1,6 +1,8 @@
 #include "common/Paths.h"
 
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -30,6 +32,14 @@ std::string temporaryPath(const std::string& name)
     const auto id = getpid();
 #endif
     return (std::filesystem::temp_directory_path() / (std::to_string(id) + "-" + name)).u8string();
+}
+
+std::string fileText(const std::string& path)
+{
+    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 } // namespace kestrel::test

@@ -9,5 +9,7 @@ std::string executableDirectory();
 
 // A file name made unique for this process, in the system's temporary folder.
 std::string temporaryPath(const std::string& name);
+// The whole content of a file (UTF-8 path), empty when it cannot be read.
+std::string fileText(const std::string& path);
 
 } // namespace kestrel::test

@@ -1,8 +1,6 @@
 #include "common/Process.h"
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 #include "common/Paths.h"
 
@@ -16,14 +14,6 @@
 
 namespace kestrel::test {
 namespace {
-
-std::string contentsOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 #if defined(_WIN32)
 // Quotes one argument the way the C runtime splits a command line.
@@ -102,8 +92,8 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
     if (child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status))
         result.exitCode = WEXITSTATUS(status);
 #endif
-    result.out = contentsOf(outPath);
-    result.err = contentsOf(errPath);
+    result.out = fileText(outPath);
+    result.err = fileText(errPath);
     std::remove(outPath.c_str());
     std::remove(errPath.c_str());
     return result;

@@ -1,11 +1,7 @@
 // The CUDA source as a host runs it, on the simulated driver, which stays loaded
 // for the life of the process; its records merging with the other NVIDIA
 // sources' is tested with them (tests/nvidia).
-#include <gtest/gtest.h>
-
-#include "common/Simulator.h"
-#include "common/Sources.h"
-#include "libKestrel/Sources.h"
+#include "common/Test.h"
 
 namespace {
 

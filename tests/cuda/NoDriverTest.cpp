@@ -1,11 +1,8 @@
 // Run once per kind of unusable driver, named by KESTREL_TEST_CUDA_DRIVER: none at
 // all ("absent"), a file that is no module ("unloadable"), a driver lacking an
 // entry point the runtime calls ("incomplete") and NVIDIA's toolkit stub ("stub").
-#include <gtest/gtest.h>
 
-#include "common/Simulator.h"
-#include "common/Sources.h"
-#include "libKestrel/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
 #include "tova/DynamicLibrary.h"
 #include "tova/System.h"

@@ -1,14 +1,8 @@
 // The library's CUDA runtime calls over the simulated driver.
-#include <bitset>
 #include <thread>
 #include <utility>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "common/Modules.h"
-#include "common/Simulator.h"
-#include "libKestrel/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/internal/multi/NVidia/cudaRuntime.h"
 
 namespace {

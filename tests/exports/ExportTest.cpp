@@ -1,9 +1,7 @@
 #include <cstdint>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "common/Paths.h"
+#include "common/Test.h"
 #include "libKestrel/AMDGPU.h"
 #include "libKestrel/Optimus.h"
 #include "tova/DynamicLibrary.h"

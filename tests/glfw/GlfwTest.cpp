@@ -1,17 +1,12 @@
 // Monitor enumeration through GLFW, and queryAllGPUs putting it together with the vendor sources.
 #include <algorithm>
-#include <bitset>
 #include <cstdint>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 
 #include "common/Records.h"
-#include "common/Simulator.h"
-#include "common/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/internal/Main.h"
 #include "libKestrel/internal/multi/GLFW/glfwWrapper.h"

@@ -4,27 +4,22 @@
 // device can be, and reports that are valid JSON and UTF-8. The machine last
 // run is written to hostile-last.json in the temporary folder, to replay one
 // that fails.
-#include <bitset>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "Report.h"
 #include "Utf8.h"
 #include "common/Paths.h"
+#include "common/Test.h"
 #include "hostile/ScenarioGenerator.h"
 #include "libKestrel/AMDGPU.h"
 #include "libKestrel/NVIDIAGPU.h"
 #include "libKestrel/Query.h"
-#include "libKestrel/Sources.h"
 #include "state/SimulatorState.h"
 #include "tova/System.h"
 
@@ -40,14 +35,6 @@ std::string environment(const char* name, const std::string& fallback)
 {
     const std::string value = tova::System::getEnvironmentVariable(name).str();
     return value.empty() ? fallback : value;
-}
-
-std::string fileText(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 // The live questions of both device classes. Their documented failures are
@@ -157,7 +144,7 @@ TEST_F(Hostile, EveryFaultOnEveryEntryPoint)
 {
     // The example workstation: two NVIDIA cards in SLI seen by every NVIDIA
     // interface, and an AMD card of three adapters.
-    const json rich = json::parse(fileText(fs::u8path(environment("KESTREL_HOSTILE_RICH", "workstation.json"))));
+    const json rich = json::parse(kestrel::test::fileText(environment("KESTREL_HOSTILE_RICH", "workstation.json")));
     const kestrel::test::ScenarioGenerator generator(1);
     for (const std::string& entry : generator.entries())
         for (const json& fault : generator.faultsFor(entry)) {
@@ -172,7 +159,7 @@ TEST_F(Hostile, TheCorpusOfMachinesThatBrokeSomething)
     const fs::path corpus = fs::u8path(environment("KESTREL_HOSTILE_CORPUS", "corpus"));
     size_t machines = 0;
     for (const auto& file : fs::directory_iterator(corpus)) {
-        runEverything(fileText(file.path()), file.path().filename().u8string());
+        runEverything(kestrel::test::fileText(file.path().u8string()), file.path().filename().u8string());
         ++machines;
     }
     EXPECT_GE(machines, 6u) << "the corpus is missing";

@@ -6,19 +6,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "common/LogCapture.h"
 #include "common/Paths.h"
 #include "common/Process.h"
-#include "common/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/Isolated.h"
-#include "libKestrel/Sources.h"
 #include "libKestrel/internal/SourceTable.h"
 #include "libKestrel/internal/isolation/ProbeFormat.h"
 #include "state/SimulatorState.h"
@@ -106,8 +101,7 @@ TEST(Isolation, ACrashingOrHangingVendorCostsOnlyItsOwnRecords)
         {"cuda", "cuInit", "crash"},                {"cuda", "cuDeviceGetCount", "hang"},
         {"adl", "ADL_Main_Control_Create", "crash"}, {"adl", "ADL_Adapter_NumberOfAdapters_Get", "hang"},
     };
-    std::ifstream workstationFile(scenarioFile("workstation"));
-    const json workstation = json::parse(workstationFile);
+    const json workstation = json::parse(kestrel::test::fileText(scenarioFile("workstation")));
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.entry) + " " + row.fault);
         json machine = workstation;

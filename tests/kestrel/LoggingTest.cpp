@@ -1,9 +1,7 @@
 #include <cstdint>
 
-#include <gtest/gtest.h>
-
 #include "common/AllocationCounter.h"
-#include "common/LogCapture.h"
+#include "common/Test.h"
 #include "libKestrel/internal/Logging.h"
 #include "pci/PciLocation.h"
 

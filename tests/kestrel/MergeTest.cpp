@@ -1,12 +1,8 @@
 #include <csignal>
 #include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "common/Records.h"
+#include "common/Test.h"
 #include "libKestrel/internal/Kestrel.h"
 
 namespace {

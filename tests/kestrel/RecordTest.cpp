@@ -1,8 +1,5 @@
-#include <memory>
-
-#include <gtest/gtest.h>
-
 #include "common/Records.h"
+#include "common/Test.h"
 #include "libKestrel/GPU.h"
 
 namespace {

@@ -1,15 +1,8 @@
 // The values the library writes at TRACE priority while it reads the vendors and
 // merges what they said: a host that turns tracing on reads these lines.
-#include <bitset>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "common/LogCapture.h"
-#include "common/Modules.h"
-#include "common/Simulator.h"
+#include "common/Test.h"
 #include "libKestrel/Query.h"
-#include "libKestrel/Sources.h"
 
 namespace {
 

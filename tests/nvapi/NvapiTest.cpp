@@ -1,25 +1,18 @@
 // NVAPI against the simulated driver: the GPU source, the exported NVIDIAGPU
 // class, and the binding that loads and lets go of the driver.
 #include <algorithm>
-#include <bitset>
 #include <cstring>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <regex>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 
-#include "common/Modules.h"
-#include "common/Simulator.h"
-#include "common/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/NVIDIAGPU.h"
-#include "libKestrel/Sources.h"
 #include "libKestrel/internal/windows/NVidia/nvapiwrapper.h"
 
 namespace {

@@ -1,11 +1,7 @@
 // The NVIDIA sources' records of the same cards merge into one record per card.
-#include <gtest/gtest.h>
 
-#include "common/Modules.h"
-#include "common/Simulator.h"
-#include "common/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/Query.h"
-#include "libKestrel/Sources.h"
 
 namespace {
 

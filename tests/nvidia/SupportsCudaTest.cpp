@@ -1,9 +1,6 @@
 // NVIDIAGPU::supportsCuda: the CUDA device at the GPU's bus and device number.
-#include <gtest/gtest.h>
 
-#include "common/LogCapture.h"
-#include "common/Modules.h"
-#include "common/Simulator.h"
+#include "common/Test.h"
 #include "libKestrel/NVIDIAGPU.h"
 
 namespace {

@@ -7,11 +7,8 @@
 
 #include <gmock/gmock.h>
 
-#include "common/Modules.h"
 #include "common/Paths.h"
-#include "common/Simulator.h"
-#include "common/Sources.h"
-#include "libKestrel/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
 #include "libKestrel/internal/multi/NVidiaNvmlGPUQuerierMulti.h"

@@ -5,25 +5,17 @@
 #include <atomic>
 #include <thread>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "common/LogCapture.h"
-#include "common/Modules.h"
-#include "common/Simulator.h"
-#include "common/Sources.h"
+#include "common/Test.h"
 #include "libKestrel/Session.h"
-#include "libKestrel/Sources.h"
 #include "state/SimulatorState.h"
 
 namespace {
 
-using kestrel::test::describe;
-using kestrel::test::LogCapture;
-using kestrel::test::SimulatedMachine;
+using namespace kestrel::test;
 using libKestrel::GPUQuerier;
 using nlohmann::json;
-using Lines = std::vector<std::string>;
 
 const std::vector<GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
                                          libKestrel::queryAMDGPUsMulti};
@@ -142,7 +134,7 @@ TEST_F(Session, AGpuThatStopsAnsweringIsReportedOnceAndLosesItsReadings)
         log.clear();
         session.refresh();
         session.refresh();
-        EXPECT_EQ(log.messages(), std::vector<kestrel::test::LogLine>{});
+        EXPECT_EQ(log.messages(), std::vector<LogLine>{});
         const auto gone = session.gpus();
         ASSERT_EQ(gone.size(), 1u);
         EXPECT_TRUE(gone[0]->name() && !gone[0]->temperatureCurrent() && !gone[0]->utilizationGPU());

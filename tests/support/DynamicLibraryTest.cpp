@@ -1,10 +1,8 @@
 #include <atomic>
-#include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "common/Paths.h"
+#include "common/Test.h"
 #include "tova/DynamicLibrary.h"
 
 #if defined(_WIN32)

@@ -1,12 +1,8 @@
 #include <algorithm>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "common/LogCapture.h"
+#include "common/Test.h"
 #include "pci/PciLocation.h"
 #include "tova/LogFactory.h"
 #include "tova/Logger.h"

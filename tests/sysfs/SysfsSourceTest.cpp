@@ -1,35 +1,25 @@
 // The sysfs source against trees written here: what each kind of card gives,
 // each conversion, and what bad files and trees cost.
-#include <bitset>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "common/LogCapture.h"
 #include "common/Paths.h"
-#include "common/Sources.h"
-#include "libKestrel/Sources.h"
+#include "common/Test.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using kestrel::test::describe;
-using kestrel::test::LogCapture;
-using kestrel::test::LogLine;
+using namespace kestrel::test;
 using Files = std::map<std::string, std::string>;
-using Lines = std::vector<std::string>;
 
 const char* const sysfs = "libKestrel.Sysfs";
 
 // A sysfs tree in a temporary folder, which KESTREL_SYSFS_ROOT names while it lives.
 class SysfsTree {
 public:
-    SysfsTree() : root_(fs::u8path(kestrel::test::temporaryPath("sysfs")))
+    SysfsTree() : root_(fs::u8path(temporaryPath("sysfs")))
     {
         fs::remove_all(root_);
         fs::create_directories(root_ / "bus/pci/devices");

@@ -1,13 +1,11 @@
 #include <algorithm>
 #include <fstream>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "common/Paths.h"
 #include "common/Process.h"
+#include "common/Test.h"
 
 namespace {
 
