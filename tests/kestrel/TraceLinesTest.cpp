@@ -31,7 +31,7 @@ TEST(TraceLines, EachValueAndTraceScopeIsWrittenWithItsTagAndPriority)
         {"libKestrel.Kestrel", "Entering mergeTwoGPUs (libKestrel/src/Kestrel.cpp:76)"},
         {"libKestrel.Kestrel", "Entering mergeGPUs (libKestrel/src/Kestrel.cpp:120)"},
     };
-    const kestrel::test::SimulatedModules modules{"sim_nvml", "sim_adl"};
+    const kestrel::test::SimulatedModules modules{"sim_nvml", "sim_adl", "sim_glfw"}; // no real GLFW
     const kestrel::test::SimulatedMachine simulated(machine);
     LogCapture capture(tova::LoggerPriority::TRACE);
     std::bitset<4> status;
