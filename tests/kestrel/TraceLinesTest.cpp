@@ -1,45 +1,41 @@
-// The values the library writes at TRACE priority while it reads the vendors and
-// merges what they said: a host that turns tracing on reads these lines.
+// The lines the library writes at TRACE priority while it queries the whole
+// workstation and merges what every interface said: the trace scopes (each
+// function's name and line) and the values read, as a host that turns tracing
+// on reads them. They are kept in trace-lines.txt as a set, one "logger|text"
+// per line, so that only what is written counts, not in which order.
+#include <algorithm>
+#include <set>
 
+#include "common/Paths.h"
 #include "common/Test.h"
 #include "libKestrel/Query.h"
+#include "state/SimulatorState.h"
 
 namespace {
 
-using kestrel::test::LogCapture;
+using namespace kestrel::test;
 
-// An NVIDIA card that NVML sees and an AMD card that ADL sees as two adapters in
-// one CrossFire combination; ADL's two passes give two records of the AMD card,
-// which the query merges.
-const char* const machine = R"({"gpus": [
-    {"pci": {"bus": 101}, "nvml": {"uuid": "GPU-3b4f1a2c-0001", "vbios": "90.04.38.00.03"}},
-    {"pci": {"bus": 3}, "adl": {"adapters": 2, "overdrive5": {"temperature": 54321},
-     "crossfire": {"preferred": 0, "combinations": [[0, 1]], "supported": 1}}}]})";
-
-TEST(TraceLines, EachValueAndTraceScopeIsWrittenWithItsTagAndPriority)
+TEST(TraceLines, EachTraceScopeAndValueOfAWholeQueryIsWritten)
 {
-    const struct {
-        const char* logger;
-        const char* text;
-    } rows[] = {
-        {"libKestrel.ADL", "65 Temperature current (millidegrees Celsius): 54321"},
-        {"libKestrel.ADL", "108 Combination adapter count: 2"},
-        {"libKestrel.NVML", "Entering query_UUID (libKestrel/src/multi/NVidia/nv_nvml.cpp:95)"},
-        {"libKestrel.NVML", "Entering query_VBIOSVersionString (libKestrel/src/multi/NVidia/nv_nvml.cpp:115)"},
-        {"libKestrel.NVML", "109 UUID: GPU-3b4f1a2c-0001"},
-        {"libKestrel.Kestrel", "Entering mergeECCErrorCounts (libKestrel/src/Kestrel.cpp:69)"},
-        {"libKestrel.Kestrel", "Entering mergeTwoGPUs (libKestrel/src/Kestrel.cpp:76)"},
-        {"libKestrel.Kestrel", "Entering mergeGPUs (libKestrel/src/Kestrel.cpp:120)"},
-    };
-    const kestrel::test::SimulatedModules modules{"sim_nvml", "sim_adl", "sim_glfw"}; // no real GLFW
-    const kestrel::test::SimulatedMachine simulated(machine);
-    LogCapture capture(tova::LoggerPriority::TRACE);
+    const SimulatedModules modules{"sim_glfw", "sim_nvml", "sim_nvapi", "sim_cuda", "sim_adl"};
+    const SimulatedMachine simulated(fileText(std::getenv("KESTREL_WORKSTATION")));
+    LogCapture capture(Priority::TRACE);
     std::bitset<4> status;
-    libKestrel::queryAllGPUs({}, {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryAMDGPUsMulti}, status);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.text);
-        EXPECT_TRUE(capture.has(row.logger, tova::LoggerPriority::TRACE, row.text));
-    }
+    libKestrel::queryAllGPUs({}, {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
+                                  libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti}, status);
+    std::set<std::string> written;
+    for (const LogLine& line : capture.lines())
+        if (line.priority == Priority::TRACE && line.text.rfind("Leaving ", 0) != 0)
+            written.insert(line.logger + "|" + line.text);
+    std::set<std::string> expected;
+    std::istringstream golden(fileText(std::getenv("KESTREL_TRACE_LINES")));
+    for (std::string line; std::getline(golden, line);)
+        expected.insert(line);
+    Lines missing, unexpected;
+    std::set_difference(expected.begin(), expected.end(), written.begin(), written.end(), std::back_inserter(missing));
+    std::set_difference(written.begin(), written.end(), expected.begin(), expected.end(), std::back_inserter(unexpected));
+    EXPECT_EQ(missing, Lines{});
+    EXPECT_EQ(unexpected, Lines{});
 }
 
 } // namespace
