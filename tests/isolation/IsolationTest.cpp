@@ -11,6 +11,7 @@
 
 #include "common/Paths.h"
 #include "common/Process.h"
+#include "common/Records.h"
 #include "common/Test.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/Isolated.h"
@@ -70,15 +71,20 @@ private:
     std::string written_;
 };
 
+// A host's own source, which an isolated query runs in the host's process.
+std::vector<std::shared_ptr<libKestrel::IGPU>> hostSource(std::bitset<4>&) { return {kestrel::test::gpuAt(0x7e)}; }
+
 TEST(Isolation, EveryExampleMachineGivesTheRecordsOfAnInProcessQuery)
 {
+    std::vector<libKestrel::GPUQuerier> sources = ownSources;
+    sources.push_back(hostSource);
     for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
         SCOPED_TRACE(machine);
         const MachineInFile file(scenarioFile(machine));
         std::bitset<4> inProcess;
         std::bitset<4> isolated;
-        const auto expected = describe(libKestrel::queryAllGPUs({}, ownSources, inProcess));
-        EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, ownSources, isolated)), expected);
+        const auto expected = describe(libKestrel::queryAllGPUs({}, sources, inProcess));
+        EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, sources, isolated)), expected);
         EXPECT_EQ(isolated, inProcess);
         EXPECT_FALSE(expected.empty());
     }
@@ -181,7 +187,7 @@ TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
         {"", "no output"},
         {"kestrel-probe 1\ngpu 0 1 0 0\nname A\nend\n", "cut short after line 4"},
         {"kestrel-probe 2\ndone\n", "line 1: not kestrel-probe output"},
-        {"kestrel-probe 1\ngpu 0 1 40 0\n", "line 2: not a PCI location: 0 1 40 0"},
+        {"kestrel-probe 1\ngpu 0 1 32 0\n", "line 2: not a PCI location: 0 1 32 0"},
         {"kestrel-probe 1\ngpu 0 1 0 0\ncolour red\n", "line 3: not a property: colour"},
         {"kestrel-probe 1\ngpu 0 1 0 0\ncoreCount many\n", "line 3: not a property: coreCount"},
         {"kestrel-probe 1\nstatus 12\n", "line 2: not a status: 12"},
@@ -195,7 +201,7 @@ TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
         EXPECT_EQ(problem, row.problem);
     }
     // What is written reads back whole: texts with every escaped character.
-    const auto gpu = std::make_shared<libKestrel::GPU>(pci::PciLocation(0x65, 3, 1, 0));
+    const auto gpu = std::make_shared<libKestrel::GPU>(pci::PciLocation(0x65, 31, 7, 0));
     const std::vector<std::shared_ptr<libKestrel::IGPU>> written{gpu};
     gpu->setName(std::string("A\\B\nC\tD\rE"));
     gpu->setCoreCount(std::uint32_t{4352});

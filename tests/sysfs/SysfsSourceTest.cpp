@@ -77,6 +77,7 @@ const Files amdgpuFiles = {{"current_link_speed", "16.0 GT/s PCIe\n"},
                            {"vbios_version", "113-D4120100-101\n"},
                            {"unique_id", "3b1f2e4c5d6a7b80\n"},
                            {"hwmon/hwmon3/temp1_input", "54000\n"},
+                           {"hwmon/hwmon9/temp1_input", "99000\n"}, // the first folder counts
                            {"hwmon/hwmon3/temp1_crit", "100000\n"},
                            {"hwmon/hwmon3/fan1_input", "1650\n"},
                            {"hwmon/hwmon3/pwm1", "102\n"},
