@@ -188,6 +188,7 @@ TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
         {"kestrel-probe 1\ngpu 0 1 0 0\nname A\nend\n", "cut short after line 4"},
         {"kestrel-probe 2\ndone\n", "line 1: not kestrel-probe output"},
         {"kestrel-probe 1\ngpu 0 1 32 0\n", "line 2: not a PCI location: 0 1 32 0"},
+        {"kestrel-probe 1\ngpu 0 1 0 8\n", "line 2: not a PCI location: 0 1 0 8"},
         {"kestrel-probe 1\ngpu 0 1 0 0\ncolour red\n", "line 3: not a property: colour"},
         {"kestrel-probe 1\ngpu 0 1 0 0\ncoreCount many\n", "line 3: not a property: coreCount"},
         {"kestrel-probe 1\nstatus 12\n", "line 2: not a status: 12"},

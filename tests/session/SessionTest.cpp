@@ -70,6 +70,7 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
     // Each initialisation matched by its shutdown; the session's own released last, in reverse order.
     EXPECT_EQ(simulated.count("nvmlInit_v2"), simulated.count("nvmlShutdown"));
     EXPECT_EQ(simulated.count("nvml shut down"), 1u);
+    EXPECT_EQ(simulated.count("ADL2 context 1 destroyed"), 1u);
     EXPECT_EQ(simulated.count("NvAPI_Initialize"), simulated.count("NvAPI_Unload"));
     EXPECT_EQ(simulated.count("ADL_Main_Control_Create"), simulated.count("ADL_Main_Control_Destroy"));
     const auto journal = simulated.journal();
