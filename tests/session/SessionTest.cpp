@@ -159,6 +159,7 @@ TEST_F(Session, ReadersSeeWholeSnapshotsWhileAnotherThreadRefreshes)
 {
     SimulatedMachine simulated(machine(40));
     libKestrel::Session session(sources);
+    ASSERT_EQ(session.gpus().size(), 2u); // so that the readers below see records
     std::atomic<bool> done{false};
     std::atomic<int> seen{0};
     std::atomic<int> torn{0};
