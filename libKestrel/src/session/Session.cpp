@@ -35,8 +35,9 @@ struct Kept {
     bool up = false;
 
     const char* name() const { return own ? own->name : "host"; }
-    // A source whose records a refresh does not replace, only reads into.
-    bool kept() const { return live || (own && !own->readingsChange); }
+    // A source whose records a refresh does not replace: read through handles,
+    // or with nothing that changes.
+    bool refreshedInPlace() const { return live || (own && !own->readingsChange); }
 };
 
 void enumerate(Kept& kept, std::bitset<4>& status)
@@ -96,8 +97,8 @@ void readAgain(Kept& kept)
     kept.up = kept.enumerated && reached && (readers == 0 || silent < readers);
 }
 
-// The source's records with the readings just read.
-void takeReadings(Kept& kept)
+// The source's records, copied with the readings just read.
+void renewRecords(Kept& kept)
 {
     for (std::size_t i = 0; i < kept.live->gpus.size(); ++i) {
         if (!kept.live->gpus[i].read)
@@ -115,7 +116,7 @@ struct Session::State {
     bool closed = false;
     std::vector<Kept> kept; // in the order given; released in reverse
     std::bitset<4> enumerationStatus;
-    // When every source is kept, a refresh folds the new readings into the
+    // When every source is refreshed in place, a refresh folds the new readings into the
     // records merged at enumeration instead of merging everything again: the
     // readings' merge rules keep the larger or smaller value, in any order.
     bool keptOnly = false;
@@ -228,8 +229,8 @@ void Session::refresh()
         if (kept.live)
             readAgain(kept);
         if (!state_->keptOnly && kept.live)
-            takeReadings(kept);
-        else if (!kept.kept())
+            renewRecords(kept);
+        else if (!kept.refreshedInPlace())
             kept.records = kept.query(status); // no handles to read through: the source runs again
     }
     state_->publish(state_->keptOnly ? state_->foldReadings() : mergeGPUs(state_->all()), start, status);
@@ -249,7 +250,7 @@ void Session::rescan()
     state_->enumerationStatus = status;
     state_->enumerated = mergeGPUs(state_->all());
     const auto& kept = state_->kept;
-    state_->keptOnly = std::all_of(kept.begin(), kept.end(), [](const Kept& source) { return source.kept(); });
+    state_->keptOnly = std::all_of(kept.begin(), kept.end(), [](const Kept& source) { return source.refreshedInPlace(); });
     if (state_->keptOnly)
         state_->placeRecords();
     state_->publish(state_->enumerated, start, status);
