@@ -99,9 +99,10 @@ void *allocate(int size) {
 }
 
 // The readings a refresh gives, read by calling the simulated NVML and ADL
-// directly, with both kept open and the devices and adapters enumerated once:
-// per NVIDIA GPU utilisation, four ECC counts, temperature and fan speed; per
-// AMD GPU temperature, current status and fan speed.
+// directly, with both kept open (NVML initialised, an ADL2 context) and the
+// devices and adapters enumerated once: per NVIDIA GPU utilisation, four ECC
+// counts, temperature and fan speed; per AMD GPU temperature, current status
+// and fan speed.
 class DirectCalls {
 public:
     explicit DirectCalls(const SimulatedModules &sim) {
@@ -114,13 +115,13 @@ public:
         ecc = reinterpret_cast<nvml::PFN_nvmlDeviceGetDetailedEccErrors>(nvmlEntry("nvmlDeviceGetDetailedEccErrors"));
         temperature = reinterpret_cast<nvml::PFN_nvmlDeviceGetTemperature>(nvmlEntry("nvmlDeviceGetTemperature"));
         fan = reinterpret_cast<nvml::PFN_nvmlDeviceGetFanSpeed>(nvmlEntry("nvmlDeviceGetFanSpeed"));
-        create = reinterpret_cast<adl::PFN_ADL_Main_Control_Create>(adlEntry("ADL_Main_Control_Create"));
-        destroy = reinterpret_cast<adl::PFN_ADL_Main_Control_Destroy>(adlEntry("ADL_Main_Control_Destroy"));
+        create = reinterpret_cast<adl::PFN_ADL2_Main_Control_Create>(adlEntry("ADL2_Main_Control_Create"));
+        destroy = reinterpret_cast<adl::PFN_ADL2_Main_Control_Destroy>(adlEntry("ADL2_Main_Control_Destroy"));
         odTemperature =
-            reinterpret_cast<adl::PFN_ADL_Overdrive5_Temperature_Get>(adlEntry("ADL_Overdrive5_Temperature_Get"));
-        odStatus =
-            reinterpret_cast<adl::PFN_ADL_Overdrive6_CurrentStatus_Get>(adlEntry("ADL_Overdrive6_CurrentStatus_Get"));
-        odFan = reinterpret_cast<adl::PFN_ADL_Overdrive6_FanSpeed_Get>(adlEntry("ADL_Overdrive6_FanSpeed_Get"));
+            reinterpret_cast<adl::PFN_ADL2_Overdrive5_Temperature_Get>(adlEntry("ADL2_Overdrive5_Temperature_Get"));
+        odStatus = reinterpret_cast<adl::PFN_ADL2_Overdrive6_CurrentStatus_Get>(
+            adlEntry("ADL2_Overdrive6_CurrentStatus_Get"));
+        odFan = reinterpret_cast<adl::PFN_ADL2_Overdrive6_FanSpeed_Get>(adlEntry("ADL2_Overdrive6_FanSpeed_Get"));
 
         nvmlInit();
         unsigned int count = 0;
@@ -130,20 +131,20 @@ public:
             reinterpret_cast<nvml::PFN_nvmlDeviceGetHandleByIndex>(nvmlEntry("nvmlDeviceGetHandleByIndex"))(
                 i, &devices[i]);
 
-        create(allocate, 1);
+        create(allocate, 1, &context);
         int adapters = 0;
-        reinterpret_cast<adl::PFN_ADL_Adapter_NumberOfAdapters_Get>(adlEntry("ADL_Adapter_NumberOfAdapters_Get"))(
-            &adapters);
+        reinterpret_cast<adl::PFN_ADL2_Adapter_NumberOfAdapters_Get>(adlEntry("ADL2_Adapter_NumberOfAdapters_Get"))(
+            context, &adapters);
         std::vector<adl::AdapterInfo> info(static_cast<std::size_t>(adapters));
-        reinterpret_cast<adl::PFN_ADL_Adapter_AdapterInfo_Get>(adlEntry("ADL_Adapter_AdapterInfo_Get"))(
-            info.data(), adapters * static_cast<int>(sizeof(adl::AdapterInfo)));
+        reinterpret_cast<adl::PFN_ADL2_Adapter_AdapterInfo_Get>(adlEntry("ADL2_Adapter_AdapterInfo_Get"))(
+            context, info.data(), adapters * static_cast<int>(sizeof(adl::AdapterInfo)));
         for (const adl::AdapterInfo &adapter : info) // the first adapter of each GPU
             if (indices.empty() ||
                 adapter.iBusNumber != info[static_cast<std::size_t>(indices.back().second)].iBusNumber)
                 indices.emplace_back(adapter.iAdapterIndex, &adapter - info.data());
     }
     ~DirectCalls() {
-        destroy();
+        destroy(context);
         nvmlShutdown();
     }
 
@@ -163,12 +164,12 @@ public:
         for (const auto &[index, position] : indices) {
             adl::ADLTemperature degrees{};
             degrees.iSize = sizeof degrees;
-            odTemperature(index, 0, &degrees);
+            odTemperature(context, index, 0, &degrees);
             adl::ADLOD6CurrentStatus status{};
-            odStatus(index, &status);
+            odStatus(context, index, &status);
             adl::ADLOD6FanSpeedInfo speed{};
             speed.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
-            odFan(index, &speed);
+            odFan(context, index, &speed);
             benchmark::DoNotOptimize(status);
         }
     }
@@ -180,11 +181,12 @@ private:
     nvml::PFN_nvmlDeviceGetDetailedEccErrors ecc;
     nvml::PFN_nvmlDeviceGetTemperature temperature;
     nvml::PFN_nvmlDeviceGetFanSpeed fan;
-    adl::PFN_ADL_Main_Control_Create create;
-    adl::PFN_ADL_Main_Control_Destroy destroy;
-    adl::PFN_ADL_Overdrive5_Temperature_Get odTemperature;
-    adl::PFN_ADL_Overdrive6_CurrentStatus_Get odStatus;
-    adl::PFN_ADL_Overdrive6_FanSpeed_Get odFan;
+    adl::PFN_ADL2_Main_Control_Create create;
+    adl::PFN_ADL2_Main_Control_Destroy destroy;
+    adl::PFN_ADL2_Overdrive5_Temperature_Get odTemperature;
+    adl::PFN_ADL2_Overdrive6_CurrentStatus_Get odStatus;
+    adl::PFN_ADL2_Overdrive6_FanSpeed_Get odFan;
+    adl::ADL_CONTEXT_HANDLE context = nullptr;
     std::vector<nvml::nvmlDevice_t> devices;
     std::vector<std::pair<int, std::ptrdiff_t>> indices; // adapter index, place in ADL's list
 };

@@ -49,12 +49,13 @@ Module& module()
 }
 
 // A fresh look at the scenario when a client starts ADL. The driver starts
-// once: while a control or context is open, another is cheap, and sees the
-// scenario again only when a new one was set.
-void reloadMachine()
+// once: while a control or context is open, another is cheap, and it and every
+// call see the scenario again only when a new one was set. 'following' is a
+// call's look, which leaves a driver that is not started alone.
+void reloadMachine(bool following = false)
 {
     const bool started = module().controls > 0 || !module().contexts.empty();
-    if (started && !sim::scenarioChanged())
+    if ((following && !started) || (started && !sim::scenarioChanged()))
         return;
     sim::reload();
     if (!started)
@@ -107,6 +108,7 @@ struct Call {
 
 Call begin(const Caller& caller, std::optional<int> adapterIndex = std::nullopt)
 {
+    reloadMachine(true);
     const sim::adl::Machine& machine = module().machine;
     const sim::adl::Adapter* adapter = adapterIndex ? machine.find(*adapterIndex) : nullptr;
     Call call;
@@ -534,6 +536,26 @@ int od8CurrentSettingX2(const Caller& caller, int adapterIndex, int* numberOfFea
     return handOut(caller, od8.call, od8.overdrive8->current, list, numberOfFeatures);
 }
 
+// The caller says in iSpeedType which speeds it wants: only those are filled.
+int fanSpeed(const Caller& caller, int adapterIndex, ADLOD6FanSpeedInfo* fan)
+{
+    const int wanted = fan ? fan->iSpeedType : 0;
+    const int status = answer(caller, adapterIndex, fan, &Gpu::fanSpeed);
+    if (status == ADL_OK) {
+        fan->iSpeedType &= wanted;
+        if (!(wanted & ADL_OD6_FANSPEED_TYPE_PERCENT))
+            fan->iFanSpeedPercent = 0;
+        if (!(wanted & ADL_OD6_FANSPEED_TYPE_RPM))
+            fan->iFanSpeedRPM = 0;
+    }
+    return status;
+}
+
+int currentStatus(const Caller& caller, int adapterIndex, ADLOD6CurrentStatus* status)
+{
+    return answer(caller, adapterIndex, status, &Gpu::currentStatus);
+}
+
 int refreshControl(const Caller& caller)
 {
     const Call call = begin(caller);
@@ -587,32 +609,6 @@ SIM_EXPORT int ADL_Adapter_VideoBiosInfo_Get(int adapterIndex, ADLBiosInfo* bios
     return answer({"ADL_Adapter_VideoBiosInfo_Get"}, adapterIndex, bios, &Gpu::bios);
 }
 CHECK_SIGNATURE(ADL_Adapter_VideoBiosInfo_Get);
-#endif
-
-#if !defined(SIM_OMIT_ADL_Overdrive6_FanSpeed_Get)
-// The caller says in iSpeedType which speeds it wants: only those are filled.
-SIM_EXPORT int ADL_Overdrive6_FanSpeed_Get(int adapterIndex, ADLOD6FanSpeedInfo* fan)
-{
-    const int wanted = fan ? fan->iSpeedType : 0;
-    const int status = answer({"ADL_Overdrive6_FanSpeed_Get"}, adapterIndex, fan, &Gpu::fanSpeed);
-    if (status == ADL_OK) {
-        fan->iSpeedType &= wanted;
-        if (!(wanted & ADL_OD6_FANSPEED_TYPE_PERCENT))
-            fan->iFanSpeedPercent = 0;
-        if (!(wanted & ADL_OD6_FANSPEED_TYPE_RPM))
-            fan->iFanSpeedRPM = 0;
-    }
-    return status;
-}
-CHECK_SIGNATURE(ADL_Overdrive6_FanSpeed_Get);
-#endif
-
-#if !defined(SIM_OMIT_ADL_Overdrive6_CurrentStatus_Get)
-SIM_EXPORT int ADL_Overdrive6_CurrentStatus_Get(int adapterIndex, ADLOD6CurrentStatus* status)
-{
-    return answer({"ADL_Overdrive6_CurrentStatus_Get"}, adapterIndex, status, &Gpu::currentStatus);
-}
-CHECK_SIGNATURE(ADL_Overdrive6_CurrentStatus_Get);
 #endif
 
 #if !defined(SIM_OMIT_ADL_Adapter_MemoryInfo_Get)
@@ -684,6 +680,21 @@ SIM_ADL_FORM(Overdrive5_Temperature_Get, overdrive5Temperature,
 SIM_ADL2_FORM(Overdrive5_Temperature_Get, overdrive5Temperature,
               (int adapterIndex, int thermalController, ADLTemperature* temperature),
               (adapterIndex, thermalController, temperature))
+#endif
+
+#if !defined(SIM_OMIT_ADL_Overdrive6_FanSpeed_Get)
+SIM_ADL_FORM(Overdrive6_FanSpeed_Get, fanSpeed, (int adapterIndex, ADLOD6FanSpeedInfo* fan), (adapterIndex, fan))
+#endif
+#if !defined(SIM_OMIT_ADL2_Overdrive6_FanSpeed_Get)
+SIM_ADL2_FORM(Overdrive6_FanSpeed_Get, fanSpeed, (int adapterIndex, ADLOD6FanSpeedInfo* fan), (adapterIndex, fan))
+#endif
+#if !defined(SIM_OMIT_ADL_Overdrive6_CurrentStatus_Get)
+SIM_ADL_FORM(Overdrive6_CurrentStatus_Get, currentStatus, (int adapterIndex, ADLOD6CurrentStatus* status),
+             (adapterIndex, status))
+#endif
+#if !defined(SIM_OMIT_ADL2_Overdrive6_CurrentStatus_Get)
+SIM_ADL2_FORM(Overdrive6_CurrentStatus_Get, currentStatus, (int adapterIndex, ADLOD6CurrentStatus* status),
+              (adapterIndex, status))
 #endif
 
 #if !defined(SIM_OMIT_ADL_Overdrive5_ThermalDevices_Enum)

@@ -55,7 +55,8 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
         const std::vector<std::pair<const char*, size_t>> calls = {
             {"nvml initialized", 1},      {"nvmlInit_v2", 2}, // the session's own and the enumeration's
             {"nvmlDeviceGetCount_v2", 1}, {"nvmlDeviceGetName", 1}, {"nvmlDeviceGetTemperature", 6},
-            {"ADL_Adapter_NumberOfAdapters_Get", 1}, {"ADL_Overdrive5_Temperature_Get", 2 + 5}, // then one adapter
+            {"ADL_Adapter_NumberOfAdapters_Get", 1}, {"ADL_Main_Control_Create", 1},
+            {"ADL_Overdrive5_Temperature_Get", 2}, {"ADL2_Overdrive5_Temperature_Get", 5}, // then one adapter
             {"ADL2 context 1 created", 1}, {"ADL2 context 1 destroyed", 0}, {"nvml shut down", 0}};
         for (const auto& [event, count] : calls)
             EXPECT_EQ(simulated.count(event), count) << event;
@@ -108,6 +109,19 @@ TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
         session.rescan();
         EXPECT_EQ(describe(session.gpus()), queried);
     }
+}
+
+// A driver without ADL2 is read through a first-interface control made for each refresh.
+TEST(SessionOnADriverWithoutAdl2, ReadsThroughAControlPerRefresh)
+{
+    kestrel::test::SimulatedModules modules{"sim_adl_without_adl2"};
+    SimulatedMachine simulated(machine(40));
+    libKestrel::Session session({libKestrel::queryAMDGPUsMulti});
+    kestrelSimSetScenario(machine(65).c_str());
+    session.refresh();
+    EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 65u);
+    EXPECT_EQ(simulated.count("ADL_Main_Control_Create"), 1u) << "the refresh's (a new scenario clears the journal)";
+    EXPECT_EQ(simulated.count("ADL_Main_Control_Destroy"), 1u);
 }
 
 // A GPU that leaves the machine while the session holds its handle keeps what

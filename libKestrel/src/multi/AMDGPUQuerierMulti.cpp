@@ -12,6 +12,7 @@
 #include "libKestrel/internal/multi/AMD/adlwrapper.h"
 #include "libKestrel/internal/multi/AMD/amd_adl.h"
 #include "libKestrel/internal/multi/AMD/amd_adl2.h"
+#include "libKestrel/internal/session/AdlReadingContext.h"
 
 namespace libKestrel {
 namespace {
@@ -271,11 +272,17 @@ session::LiveSource enumerateAdlLive(std::bitset<4>&)
         for (const auto& record : records)
             live.gpus.push_back({std::static_pointer_cast<GPU>(record), {}});
     };
-    // The readings go through the first interface, whose control lives for one
-    // refresh; the session's ADL2 context keeps the driver started meanwhile.
+    // The readings go through an ADL2 context kept for them. A driver without the
+    // ADL2 forms of the reading entries is read through the first interface, with
+    // a control for one refresh; the session's hold keeps the driver started.
     const auto bind = [&live] {
-        live.around = [bound = adlBinding()](const std::function<void()>& reads) {
+        live.around = [bound = adlBinding(), context = session::AdlReadingContext::open(adlBinding())](
+                          const std::function<void()>& reads) {
             const session::BorrowedEntries<adlwrapper::ADLFunctions> borrowed(adlBinding().functions, bound.functions);
+            if (context) {
+                context->run(adlBinding().functions, reads);
+                return true;
+            }
             const adlwrapper::ADLFunctions& f = adlBinding().functions;
             if (!f.ADL_Main_Control_Create || f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) != adl::ADL_OK)
                 return false;

@@ -32,7 +32,7 @@ std::optional<std::uint32_t> nonNegative(const char* label, int value)
 
 } // namespace
 
-tova::String cudaErrorText(cuda::cudaError_t code)
+tova::String describeCudaError(cuda::cudaError_t code)
 {
     return tova::String(cudaGetErrorName(code)) + ": " + cudaGetErrorString(code);
 }

@@ -2,6 +2,9 @@
 
 #include "libKestrel/internal/Kestrel.h"
 
+// The getters are named with their class: every record here is a GPU, and the
+// calls need no virtual dispatch.
+
 namespace libKestrel::session {
 
 // The properties that change while a GPU runs, as (getter, setter, merge rule).
@@ -27,36 +30,36 @@ void clearReadings(GPU& gpu)
 #undef LIBKESTREL_CLEAR
 }
 
-bool hasReadings(const IGPU& gpu)
+bool hasReadings(const GPU& gpu)
 {
-#define LIBKESTREL_PRESENT(getter, setter, merge) || gpu.getter().has_value()
+#define LIBKESTREL_PRESENT(getter, setter, merge) || gpu.GPU::getter().has_value()
     return false LIBKESTREL_READINGS(LIBKESTREL_PRESENT);
 #undef LIBKESTREL_PRESENT
 }
 
-bool sameReadings(const IGPU& one, const IGPU& other)
+bool sameReadings(const GPU& one, const GPU& other)
 {
-#define LIBKESTREL_SAME(getter, setter, merge) &&one.getter() == other.getter()
+#define LIBKESTREL_SAME(getter, setter, merge) &&one.GPU::getter() == other.GPU::getter()
     return true LIBKESTREL_READINGS(LIBKESTREL_SAME);
 #undef LIBKESTREL_SAME
 }
 
-void takeReadings(GPU& into, const IGPU& from)
+void takeReadings(GPU& into, const GPU& from)
 {
-#define LIBKESTREL_TAKE(getter, setter, merge) into.setter(from.getter());
+#define LIBKESTREL_TAKE(getter, setter, merge) into.setter(from.GPU::getter());
     LIBKESTREL_READINGS(LIBKESTREL_TAKE)
 #undef LIBKESTREL_TAKE
 }
 
-void foldReadings(GPU& into, const IGPU& from)
+void foldReadings(GPU& into, const GPU& from)
 {
 // The rule decides only when both have the property; otherwise the present one
 // stands, as every rule has it.
 #define LIBKESTREL_FOLD(getter, setter, merge)                                                          \
-    if (into.getter() && from.getter())                                                               \
-        into.setter(merge(into.getter(), from.getter()));                                             \
+    if (into.GPU::getter() && from.GPU::getter())                                                     \
+        into.setter(merge(into.GPU::getter(), from.GPU::getter()));                                   \
     else if (from.getter())                                                                           \
-        into.setter(from.getter());
+        into.setter(from.GPU::getter());
     LIBKESTREL_READINGS(LIBKESTREL_FOLD)
 #undef LIBKESTREL_FOLD
 }

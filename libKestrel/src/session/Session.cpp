@@ -84,7 +84,7 @@ void readAgain(Kept& kept)
         ++readers;
         const pci::PciLocation location = *kept.readings[i].pciLocation();
         const bool answered = reached && session::hasReadings(kept.readings[i]);
-        if (!answered && session::hasReadings(*live.gpus[i].record) && !kept.silent[i]) {
+        if (!answered && !kept.silent[i] && session::hasReadings(*live.gpus[i].record)) {
             log(site, Priority::WARNING, "41 ", "GPU no longer answers, its readings are left out: ", location, " (",
                 kept.name(), ")");
             kept.silent[i] = true;
@@ -118,7 +118,8 @@ struct Session::State {
     std::bitset<4> enumerationStatus;
     // When every source is refreshed in place, a refresh folds the new readings into the
     // records merged at enumeration instead of merging everything again: the
-    // readings' merge rules keep the larger or smaller value, in any order.
+    // readings' merge rules keep the larger or smaller value, in any order. Those
+    // sources are all the library's own, so every record is a GPU.
     bool keptOnly = false;
     Records enumerated;       // merged at the last enumeration
     std::vector<GPU> unread;  // per merged GPU: the readings of its records that are not read again
@@ -151,7 +152,7 @@ struct Session::State {
         for (Kept& source : kept) {
             source.merged.clear();
             for (std::size_t i = 0; i < source.records.size(); ++i) {
-                const IGPU& record = *source.records[i];
+                const auto& record = static_cast<const GPU&>(*source.records[i]);
                 const auto same = std::find_if(enumerated.begin(), enumerated.end(),
                                                [&record](const auto& gpu) { return gpu->isSameGPU(record); });
                 const auto place = static_cast<std::size_t>(same - enumerated.begin());
@@ -176,7 +177,7 @@ struct Session::State {
         Records merged;
         merged.reserve(enumerated.size());
         for (std::size_t j = 0; j < enumerated.size(); ++j) {
-            if (j < gpus.size() && session::sameReadings(*gpus[j], folded[j])) {
+            if (j < gpus.size() && session::sameReadings(static_cast<const GPU&>(*gpus[j]), folded[j])) {
                 merged.push_back(gpus[j]);
                 continue;
             }
@@ -191,6 +192,7 @@ struct Session::State {
     void publish(Records merged, std::chrono::steady_clock::time_point start, std::bitset<4> lastStatus)
     {
         std::vector<Source> states;
+        states.reserve(kept.size());
         for (const Kept& source : kept)
             states.push_back({source.name(), source.up});
         const auto took = std::chrono::steady_clock::now() - start;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <type_traits>
 
@@ -30,6 +31,20 @@ public:
     QuietScope& operator=(const QuietScope&) = delete;
 };
 
+// The support library's trace scope ("Entering"/"Leaving" lines), made only for
+// a logger that traces.
+class TraceScope {
+public:
+    TraceScope(tova::Logger* logger, const char* function, const char* sourceFile, int line)
+    {
+        if (logger)
+            scope_.emplace(logger, function, sourceFile, line);
+    }
+
+private:
+    std::optional<tova::TraceLogger> scope_;
+};
+
 // The logging state of one source file: its logger name, its path for trace
 // lines, and the logger itself, created on the file's first enabled message.
 // Constant-initialised, so a site is usable from any static initialiser.
@@ -51,12 +66,11 @@ public:
         return loggerAllowing(priority);
     }
 
-    // A trace scope for 'function', which begins at 'line' of this file. It gets
-    // the logger only while tracing is on, so a disabled trace writes nothing.
-    tova::TraceLogger trace(const char* function, int line)
+    // A trace scope for 'function', which begins at 'line' of this file. It is
+    // made only while tracing is on, so a disabled trace writes and calls nothing.
+    TraceScope trace(const char* function, int line)
     {
-        return tova::TraceLogger(processThreshold() > Priority::TRACE ? nullptr : tracingLogger(), function, file_,
-                                 line);
+        return TraceScope(processThreshold() > Priority::TRACE ? nullptr : tracingLogger(), function, file_, line);
     }
 
 private:
@@ -138,6 +152,16 @@ void append(tova::LoggerStream& stream, const Deferred<Make>& value)
     append(stream, value.make());
 }
 
+template <class Text, class... Values>
+void write(tova::Logger& logger, Priority::LOGGER_PRIORITY priority, const char* tag, const Text& text,
+           const Values&... values)
+{
+    tova::LoggerStream stream;
+    stream + tag + text;
+    (append(stream, values), ...);
+    logger.log(priority, stream);
+}
+
 } // namespace detail
 
 // Writes "<tag><text><values...>" at 'priority' on the site's logger. The tag is
@@ -148,13 +172,9 @@ void append(tova::LoggerStream& stream, const Deferred<Make>& value)
 template <class Text, class... Values>
 void log(LogSite& site, Priority::LOGGER_PRIORITY priority, const char* tag, const Text& text, const Values&... values)
 {
-    tova::Logger* logger = site.enabled(priority);
-    if (!logger)
-        return;
-    tova::LoggerStream stream;
-    stream + tag + text;
-    (detail::append(stream, values), ...);
-    logger->log(priority, stream);
+    // Small enough to be inlined: a disabled message costs its threshold test only.
+    if (tova::Logger* logger = site.enabled(priority))
+        detail::write(*logger, priority, tag, text, values...);
 }
 
 } // namespace libKestrel::logging

@@ -142,7 +142,7 @@ void uninitializeLibrary()
     binding.functions = NVMLFunctions();
 }
 
-std::string nvmlErrorText(nvml::nvmlReturn_t code)
+std::string describeNvmlError(nvml::nvmlReturn_t code)
 {
     const char* text = binding.functions.nvmlErrorString ? binding.functions.nvmlErrorString(code) : nullptr;
     if (!text)

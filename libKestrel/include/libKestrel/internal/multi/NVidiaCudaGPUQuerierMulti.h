@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "libKestrel/IGPU.h"
+#include "libKestrel/internal/Logging.h"
 #include "libKestrel/vendor/cuda.h"
 #include "tova/String.h"
 
@@ -19,7 +20,13 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker();
 // cannot be read.
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(int deviceIndex);
 
-// "<name>: <description>" of a CUDA runtime code, for the log.
-tova::String cudaErrorText(cuda::cudaError_t code);
+// "<name>: <description>" of a CUDA runtime code.
+tova::String describeCudaError(cuda::cudaError_t code);
+
+// That text as a log value, asked of the runtime only when the message is written.
+inline auto cudaErrorText(cuda::cudaError_t code)
+{
+    return logging::deferred([code] { return describeCudaError(code); });
+}
 
 } // namespace libKestrel

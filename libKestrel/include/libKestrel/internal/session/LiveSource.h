@@ -34,14 +34,14 @@ using LiveEnumerator = LiveSource (*)(std::bitset<4>& status);
 // Clears the properties a reader writes, so that what it cannot read is absent.
 void clearReadings(GPU& gpu);
 // Whether any of those properties is present.
-bool hasReadings(const IGPU& gpu);
+bool hasReadings(const GPU& gpu);
 // Whether both have the same of those properties, absent ones included.
-bool sameReadings(const IGPU& one, const IGPU& other);
+bool sameReadings(const GPU& one, const GPU& other);
 // Sets those properties of 'into' to those of 'from', absent ones included.
-void takeReadings(GPU& into, const IGPU& from);
+void takeReadings(GPU& into, const GPU& from);
 // Merges those properties of 'from' into 'into', each by its merge rule. The
 // rules keep the larger or smaller value, so the order of folding is free.
-void foldReadings(GPU& into, const IGPU& from);
+void foldReadings(GPU& into, const GPU& from);
 
 // Puts a vendor's entries, looked up at enumeration, in its global binding for
 // one refresh's reads, and puts back what was there. The session's share of the

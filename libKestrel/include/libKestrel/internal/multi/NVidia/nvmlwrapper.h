@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "libKestrel/internal/Logging.h"
 #include "libKestrel/vendor/nvml.h"
 #include "tova/DynamicLibrary.h"
 
@@ -45,6 +46,14 @@ void uninitializeLibrary();
 
 // NVML's text for a return code. NVML may give no text (or lack
 // nvmlErrorString); the code's number stands in for it then.
-std::string nvmlErrorText(nvml::nvmlReturn_t code);
+std::string describeNvmlError(nvml::nvmlReturn_t code);
+
+// That text as a log value, asked of NVML only when the message is written: a
+// failure logged below the threshold (an unsupported reading, at every refresh
+// of a session) costs no call and no allocation.
+inline auto nvmlErrorText(nvml::nvmlReturn_t code)
+{
+    return logging::deferred([code] { return describeNvmlError(code); });
+}
 
 } // namespace libKestrel
