@@ -6,6 +6,7 @@
 #include "libKestrel/Sources.h"
 #include "libKestrel/internal/multi/AMDGPUQuerierMulti.h"
 #include "libKestrel/internal/multi/NVidiaNvmlGPUQuerierMulti.h"
+#include "libKestrel/internal/windows/NVidiaGPUQuerier.h"
 #if !defined(_WIN32)
 #include "libKestrel/internal/linux/SysfsGPUQuerier.h"
 #endif
@@ -15,7 +16,7 @@ namespace {
 
 const OwnSource sources[] = {
     {"nvml", queryNVidiaNvmlGPUsMulti, enumerateNvmlLive, true},
-    {"nvapi", queryNVidiaGPUs, nullptr, true},
+    {"nvapi", queryNVidiaGPUs, enumerateNvapiLive, true},
     {"cuda", queryNVidiaCudaGPUsMulti, nullptr, false}, // the device's fixed properties only
     {"adl", queryAMDGPUsMulti, enumerateAdlLive, true},
 #if !defined(_WIN32)

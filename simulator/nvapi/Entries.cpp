@@ -42,6 +42,20 @@ Driver& driver()
 
 const Machine& machine() { return driver().machine; }
 
+// A fresh look at the scenario when the driver starts ('starting'), and at any
+// call when a new one was set while it runs: a GPU's handle, its place in the
+// list, reads the new values, and the handle of a GPU gone is refused.
+void follow(bool starting)
+{
+    Driver& state = driver();
+    if (state.initializations == 0 ? !starting : !sim::scenarioChanged())
+        return;
+    sim::reload();
+    if (state.initializations == 0)
+        sim::initLatency("nvapi");
+    state.machine = readMachine(sim::scenario());
+}
+
 template <class Token>
 long indexOf(const Token* handle, const Token* tokens, std::size_t count)
 {
@@ -71,6 +85,7 @@ struct GpuCall {
 
 GpuCall enterGpu(const char* entry, NvPhysicalGpuHandle handle, bool argumentsValid)
 {
+    follow(false);
     const long index = indexOf(handle, physicalHandles, machine().gpus.size());
     GpuCall call{NVAPI_OK, sim::enter(entry, index), nullptr};
     call.status = precheck(call.fault, argumentsValid && handle != nullptr);
@@ -152,14 +167,7 @@ NvAPI_Status NvAPI_Initialize()
 {
     Driver& state = driver();
     // The scenario is read when the driver starts, so its faults already apply here.
-    // A new scenario is seen by a nested initialisation too, so that a program
-    // that keeps NVAPI open follows the machine.
-    if (state.initializations == 0 || sim::scenarioChanged()) {
-        sim::reload();
-        if (state.initializations == 0)
-            sim::initLatency("nvapi");
-        state.machine = readMachine(sim::scenario());
-    }
+    follow(true);
     const auto fault = sim::enter("NvAPI_Initialize");
     const NvAPI_Status status = precheck(fault, true, false);
     if (status == NVAPI_OK)

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/Records.h"
 #include "common/Test.h"
 #include "libKestrel/Session.h"
 #include "state/SimulatorState.h"
@@ -27,7 +28,8 @@ std::string machine(int load, const std::string& gone = "", bool second = false)
 {
     json gpus = json::array();
     if (gone != "nvidia")
-        gpus.push_back({{"name", "RTX"}, {"pci", {{"bus", 101}}}, {"nvapi", json::object()}, {"cuda", json::object()},
+        gpus.push_back({{"name", "RTX"}, {"pci", {{"bus", 101}}}, {"cuda", json::object()},
+                        {"nvapi", {{"clocks", {{"current", {{"processor", load * 1000}}}}}}},
                         {"nvml", {{"temperature", load}, {"utilization", {{"gpu", load}, {"memory", load}}},
                                   {"fanSpeed", load}, {"ecc", {{"corrected", {{"volatile", {{"l2Cache", load}}}}}}}}}});
     if (gone != "amd")
@@ -55,7 +57,7 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
         const std::vector<std::pair<const char*, size_t>> calls = {
             {"nvml initialized", 1},      {"nvmlInit_v2", 2}, // the session's own and the enumeration's
             {"nvmlDeviceGetCount_v2", 1}, {"nvmlDeviceGetName", 1}, {"nvmlDeviceGetTemperature", 6},
-            {"ADL_Adapter_NumberOfAdapters_Get", 1}, {"ADL_Main_Control_Create", 1},
+            {"NvAPI_EnumPhysicalGPUs", 1}, {"ADL_Adapter_NumberOfAdapters_Get", 1}, {"ADL_Main_Control_Create", 1},
             {"ADL_Overdrive5_Temperature_Get", 2}, {"ADL2_Overdrive5_Temperature_Get", 5}, // then one adapter
             {"ADL2 context 1 created", 1}, {"ADL2 context 1 destroyed", 0}, {"nvml shut down", 0}};
         for (const auto& [event, count] : calls)
@@ -81,15 +83,26 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
     EXPECT_LT(last("nvml shut down"), last("ADL2 context 1 destroyed")) << "ADL, opened last, is closed first";
 }
 
+// A host's own source, which a refresh runs again: the NVIDIA card's core count.
+std::vector<std::shared_ptr<libKestrel::IGPU>> hostCores(std::bitset<4>&)
+{
+    auto gpu = gpuAt(101);
+    gpu->setCoreCount(4096);
+    return {gpu};
+}
+
 // After a change of readings, a refresh gives what a one-shot query of the same
-// sources gives: through handles only (NVML, CUDA, ADL, the readings folded into
-// the records merged at enumeration), or with a source that runs again (NVAPI).
+// sources gives: through handles only (the readings folded into the records
+// merged at enumeration), or with a host's source that runs again (everything
+// merged again).
 TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
 {
-    const std::vector<GPUQuerier> handlesOnly = {libKestrel::queryNVidiaNvmlGPUsMulti,
+    const std::vector<GPUQuerier> handlesOnly = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
                                                  libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti};
-    for (const auto& row : {handlesOnly, sources}) {
-        SCOPED_TRACE(row == sources ? "with NVAPI" : "through handles only");
+    const std::vector<GPUQuerier> withHost = {libKestrel::queryNVidiaNvmlGPUsMulti, hostCores,
+                                              libKestrel::queryAMDGPUsMulti};
+    for (const auto& row : {handlesOnly, withHost}) {
+        SCOPED_TRACE(row == withHost ? "with a host's source" : "through handles only");
         SimulatedMachine simulated(machine(40));
         libKestrel::Session session(row);
         const auto first = session.gpus();

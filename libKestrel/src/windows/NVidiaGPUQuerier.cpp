@@ -1,6 +1,7 @@
 #include "libKestrel/internal/windows/NVidiaGPUQuerier.h"
 
 #include <algorithm>
+#include <functional>
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/Sources.h"
@@ -25,6 +26,22 @@ std::optional<Field> fieldOf(const std::optional<Result>& result, Field Result::
 {
     return result ? std::optional<Field>((*result).*field) : std::nullopt;
 }
+
+using Records = std::vector<std::shared_ptr<IGPU>>;
+
+// The readings that change while the GPU runs, in the order a record reads them.
+void readReadings(nvapi::NvPhysicalGpuHandle handle, GPU& gpu)
+{
+    gpu.setAvailableDedicatedMemory(fieldOf(query_DedicatedMemory(handle), &NvDedicatedMemory::available));
+    const NvClockFrequencies clocks = query_ClockFrequencies(handle);
+    gpu.setGraphicsClock(clocks.graphics);
+    gpu.setMemoryClock(clocks.memory);
+    gpu.setShaderClock(clocks.shader);
+}
+
+// Initialises NVAPI, hands every physical GPU to 'take' with its records, in
+// NVAPI's order, and releases NVAPI again.
+void enumeratePhysicalGpus(const std::function<void(nvapi::NvPhysicalGpuHandle, const Records&)>& take);
 
 } // namespace
 
@@ -71,10 +88,20 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle con
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUs(std::bitset<4>&)
 {
     auto trace = site.trace("queryNVidiaGPUs", 98);
-    std::vector<std::shared_ptr<IGPU>> result;
+    Records result;
+    enumeratePhysicalGpus([&result](nvapi::NvPhysicalGpuHandle, const Records& records) {
+        result.insert(result.end(), records.begin(), records.end());
+    });
+    return result;
+}
+
+namespace {
+
+void enumeratePhysicalGpus(const std::function<void(nvapi::NvPhysicalGpuHandle, const Records&)>& take)
+{
     if (nvapi::NvAPI_Initialize() != nvapi::NVAPI_OK) {
         log(site, Priority::WARNING, "105 ", "Could not initialize NVAPI");
-        return result;
+        return;
     }
     ScopeExit unload(nvapi::NvAPI_Unload);
 
@@ -84,17 +111,33 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUs(std::bitset<4>&)
     if (failed) {
         // The message carries the failure flag, not NVAPI's status.
         log(site, Priority::WARNING, "114 ", "Could not enumerate physical GPUs: ", static_cast<int>(failed));
-        return result;
+        return;
     }
     log(site, Priority::TRACE, "119 ", "Enumerated physical NVidia GPU count: ", shown(count));
 
     // NVAPI never has more handles than its array holds, whatever count it reports.
     const nvapi::NvU32 usable = std::min(count, nvapi::NVAPI_MAX_PHYSICAL_GPUS);
-    for (nvapi::NvU32 i = 0; i < usable; ++i) {
-        auto records = queryNVidiaGPU(handles[i]);
-        result.insert(result.end(), records.begin(), records.end());
-    }
-    return result;
+    for (nvapi::NvU32 i = 0; i < usable; ++i)
+        take(handles[i], queryNVidiaGPU(handles[i]));
+}
+
+} // namespace
+
+session::LiveSource enumerateNvapiLive(std::bitset<4>&)
+{
+    session::LiveSource live;
+    // The session's hold keeps NVAPI initialised, so the GPU handles stay valid
+    // and the binding's entries stay resolved between refreshes.
+    live.around = [](const std::function<void()>& reads) {
+        reads();
+        return true;
+    };
+    enumeratePhysicalGpus([&live](nvapi::NvPhysicalGpuHandle handle, const Records& records) {
+        for (const auto& record : records)
+            live.gpus.push_back(
+                {std::static_pointer_cast<GPU>(record), [handle](GPU& gpu) { readReadings(handle, gpu); }});
+    });
+    return live;
 }
 
 } // namespace libKestrel

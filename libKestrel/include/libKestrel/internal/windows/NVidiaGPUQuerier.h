@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "libKestrel/IGPU.h"
+#include "libKestrel/internal/session/LiveSource.h"
 #include "libKestrel/vendor/nvapi.h"
 
 namespace libKestrel {
@@ -12,5 +13,9 @@ namespace libKestrel {
 // otherwise one record with every property NVAPI could give. NVAPI must be
 // initialised.
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle const& handle);
+
+// The NVAPI source for a session: its records, each read again through its GPU
+// handle (available memory and clocks). NVAPI must stay initialised meanwhile.
+session::LiveSource enumerateNvapiLive(std::bitset<4>& status);
 
 } // namespace libKestrel
