@@ -52,8 +52,10 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
     SimulatedMachine simulated(machine(40));
     {
         libKestrel::Session session(sources);
+        const auto first = session.gpus();
         for (int i = 0; i < 5; ++i)
             session.refresh();
+        EXPECT_EQ(session.gpus(), first) << "GPUs whose readings did not change keep their records";
         const std::vector<std::pair<const char*, size_t>> calls = {
             {"nvml initialized", 1},      {"nvmlInit_v2", 2}, // the session's own and the enumeration's
             {"nvmlDeviceGetCount_v2", 1}, {"nvmlDeviceGetName", 1}, {"nvmlDeviceGetTemperature", 6},
