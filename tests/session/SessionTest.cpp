@@ -93,10 +93,9 @@ std::vector<std::shared_ptr<libKestrel::IGPU>> hostCores(std::bitset<4>&)
     return {gpu};
 }
 
-// After a change of readings, a refresh gives what a one-shot query of the same
-// sources gives: through handles only (the readings folded into the records
-// merged at enumeration), or with a host's source that runs again (everything
-// merged again).
+// After a change of readings, a refresh gives what a one-shot query of the same sources
+// gives: through handles only (the readings folded into the records merged at
+// enumeration), or with a host's source that runs again (everything merged again).
 TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
 {
     const std::vector<GPUQuerier> handlesOnly = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,

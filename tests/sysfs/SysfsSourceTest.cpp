@@ -7,6 +7,7 @@
 
 #include "common/Paths.h"
 #include "common/Test.h"
+#include "libKestrel/Session.h"
 
 namespace {
 
@@ -107,6 +108,19 @@ TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
                      "busType=PCI Express temperatureCurrent=47 fanSpeedPercent=100",
                      "0000:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
     EXPECT_TRUE(capture.lines().empty()) << "missing files are what a driver does not offer";
+}
+
+// A session reads the sensor files again at each refresh, amdgpu's own with hwmon's.
+TEST(Sysfs, ASessionReadsTheSensorFilesAgainAtEachRefresh)
+{
+    SysfsTree tree;
+    const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "amdgpu", amdgpuFiles);
+    libKestrel::Session session({libKestrel::querySysfsGPUs});
+    SysfsTree::write(device / "hwmon/hwmon3/temp1_input", "61000\n");
+    SysfsTree::write(device / "gpu_busy_percent", "80\n");
+    session.refresh();
+    EXPECT_EQ(describe(session.gpus()), describe(querySysfs())) << "61 degrees, 80 % busy";
+    EXPECT_TRUE(session.sources().at(0).up);
 }
 
 TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
