@@ -69,8 +69,8 @@ TEST_F(Session, VendorsStayOpenAcrossRefreshesAndCloseOnceInReverse)
             up.push_back(source.name + (source.up ? " up" : " down"));
         EXPECT_EQ(up, (Lines{"nvml up", "nvapi up", "adl up"}));
         session.close();
-        EXPECT_EQ(session.gpus().size(), 2u) << "the last snapshot stays readable";
         session.refresh(); // does nothing once closed
+        EXPECT_EQ(session.gpus().size(), 2u) << "the last snapshot stays readable";
     }
     // Each initialisation matched by its shutdown; the session's own released last, in reverse order.
     EXPECT_EQ(simulated.count("nvmlInit_v2"), simulated.count("nvmlShutdown"));
