@@ -213,10 +213,7 @@ session::LiveSource enumerateSysfsLive(std::bitset<4>&)
     for (auto& [gpu, sensors] : enumerate())
         live.gpus.push_back({gpu, [sensors = std::move(sensors)](GPU& fresh) { sensors.read(fresh); }});
     // Files need nothing opened around them.
-    live.around = [](const std::function<void()>& reads) {
-        reads();
-        return true;
-    };
+    live.around = session::readDirectly;
     return live;
 }
 

@@ -29,14 +29,19 @@ std::optional<Field> fieldOf(const std::optional<Result>& result, Field Result::
 
 using Records = std::vector<std::shared_ptr<IGPU>>;
 
-// The readings that change while the GPU runs, in the order a record reads them.
-void readReadings(nvapi::NvPhysicalGpuHandle handle, GPU& gpu)
+void readClocks(nvapi::NvPhysicalGpuHandle handle, GPU& gpu)
 {
-    gpu.setAvailableDedicatedMemory(fieldOf(query_DedicatedMemory(handle), &NvDedicatedMemory::available));
     const NvClockFrequencies clocks = query_ClockFrequencies(handle);
     gpu.setGraphicsClock(clocks.graphics);
     gpu.setMemoryClock(clocks.memory);
     gpu.setShaderClock(clocks.shader);
+}
+
+// The readings that change while the GPU runs, in the order a record reads them.
+void readReadings(nvapi::NvPhysicalGpuHandle handle, GPU& gpu)
+{
+    gpu.setAvailableDedicatedMemory(fieldOf(query_DedicatedMemory(handle), &NvDedicatedMemory::available));
+    readClocks(handle, gpu);
 }
 
 // Initialises NVAPI, hands every physical GPU to 'take' with its records, in
@@ -72,10 +77,7 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle con
     const auto memory = query_DedicatedMemory(handle);
     gpu->setDedicatedMemory(fieldOf(memory, &NvDedicatedMemory::dedicated));
     gpu->setAvailableDedicatedMemory(fieldOf(memory, &NvDedicatedMemory::available));
-    const NvClockFrequencies clocks = query_ClockFrequencies(handle);
-    gpu->setGraphicsClock(clocks.graphics);
-    gpu->setMemoryClock(clocks.memory);
-    gpu->setShaderClock(clocks.shader);
+    readClocks(handle, *gpu);
     gpu->setBusType(query_BusType(handle));
     const auto ecc = query_ECCMemory(handle);
     gpu->setECCSupported(fieldOf(ecc, &NvECCMemory::supported));
@@ -128,10 +130,7 @@ session::LiveSource enumerateNvapiLive(std::bitset<4>&)
     session::LiveSource live;
     // The session's hold keeps NVAPI initialised, so the GPU handles stay valid
     // and the binding's entries stay resolved between refreshes.
-    live.around = [](const std::function<void()>& reads) {
-        reads();
-        return true;
-    };
+    live.around = session::readDirectly;
     enumeratePhysicalGpus([&live](nvapi::NvPhysicalGpuHandle handle, const Records& records) {
         for (const auto& record : records)
             live.gpus.push_back(

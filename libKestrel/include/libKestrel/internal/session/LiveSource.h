@@ -28,6 +28,13 @@ struct LiveSource {
     std::function<bool(const std::function<void()>& reads)> around;
 };
 
+// The 'around' of a source whose readers need nothing made ready: runs them.
+inline bool readDirectly(const std::function<void()>& reads)
+{
+    reads();
+    return true;
+}
+
 // Enumerates one source for a session: its records, each with its reader.
 using LiveEnumerator = LiveSource (*)(std::bitset<4>& status);
 
