@@ -8,6 +8,10 @@ if(KESTREL_SANITIZE)
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
     add_link_options(-fsanitize=address,undefined)
 endif()
+if(KESTREL_SANITIZE_THREADS)
+    add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=thread)
+endif()
 
 if(WIN32)
     # Hosts get DLLs that need nothing beyond the system: the GCC runtime,
