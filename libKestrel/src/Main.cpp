@@ -1,5 +1,7 @@
 #include "libKestrel/internal/Main.h"
 
+#include <mutex>
+
 #include "libKestrel/internal/Kestrel.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/ScopeExit.h"
@@ -13,6 +15,10 @@ using logging::Priority;
 
 logging::LogSite site("libKestrel.Main", "libKestrel/src/Main.cpp");
 
+// GLFW keeps one state per process, started by glfwInit and ended by
+// glfwTerminate, and its binding one table: one enumeration runs at a time.
+std::mutex enumerating;
+
 } // namespace
 
 void glfwErrorCallback(int, const char* description)
@@ -24,6 +30,7 @@ std::vector<std::shared_ptr<IGPU>> queryAvailableMonitorInfo(const std::vector<M
 {
     auto trace = site.trace("queryAvailableMonitorInfo", 23);
     std::vector<std::shared_ptr<IGPU>> result;
+    const std::lock_guard<std::mutex> oneAtATime(enumerating);
     if (!initializeGLFWLibrary()) {
         log(site, Priority::TRACE, "44 ", "Could not load libglfw, likely X libraries are not installed");
         return result;

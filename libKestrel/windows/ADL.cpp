@@ -8,6 +8,7 @@
 
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/Lookup.h"
+#include "libKestrel/internal/multi/AMD/adlcontrol.h"
 #include "libKestrel/internal/windows/ADL.h"
 
 namespace libKestrel {
@@ -82,6 +83,15 @@ void listOperationEntries(Visit visit)
     visit("ADL_Overdrive5_CurrentActivity_Get", &entries.ADL_Overdrive5_CurrentActivity_Get);
 }
 
+// A row of the classic table, called under the lock of the first interface's
+// calls, which other users of the first interface in the library take too.
+template <class Entry, class... Args>
+int classic(Entry entry, const char* missing, Args... args)
+{
+    const auto calls = adlcontrol::lockCalls();
+    return forwardToADL(entry, missing, args...);
+}
+
 } // namespace
 
 // An entry of the classic table, and the name it is missing under.
@@ -142,7 +152,13 @@ ADL::Initializer::Initializer()
     if (!loadADL(library))
         throw std::runtime_error("Unable to load ADL binary.");
     resolveEntries(*library, [](auto visit) { listLifetimeEntries(visit); });
-    initialize();
+    // A share of the process's one control: started here unless the library's
+    // AMD source or a session holds it already.
+    const auto calls = adlcontrol::lockCalls();
+    adlcontrol::acquire(calls, [this] {
+        initialize();
+        return true;
+    });
     resolveEntries(*library, [](auto visit) { listOperationEntries(visit); });
 }
 
@@ -159,12 +175,18 @@ void ADL::Initializer::initialize()
              "99 ");
 }
 
-// At process exit: the one main control ends with the library, and a table
-// that outlives it finds no entry to call into the unloaded module.
+// At process exit: the share of the one main control is given back (the last
+// share ends it), and a table that outlives the library finds no entry to call
+// into the unloaded module.
 ADL::Initializer::~Initializer()
 {
-    if (entries.ADL_Main_Control_Destroy)
-        entries.ADL_Main_Control_Destroy();
+    {
+        const auto calls = adlcontrol::lockCalls();
+        adlcontrol::release(calls, [] {
+            if (entries.ADL_Main_Control_Destroy)
+                entries.ADL_Main_Control_Destroy();
+        });
+    }
     library.reset();
     entries = ADLEntries{};
 }
@@ -191,61 +213,61 @@ std::shared_ptr<ADLWrapper> instantiateADL()
     }
 }
 
-int ADL::Main_Control_Refresh() { return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Main_Control_Refresh)); }
+int ADL::Main_Control_Refresh() { return classic(LIBKESTREL_ADL_ROW(ADL_Main_Control_Refresh)); }
 
 int ADL::Adapter_ASICFamilyType_Get(int iAdapterIndex, int* lpAsicTypes, int* lpValids)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_ASICFamilyType_Get), iAdapterIndex, lpAsicTypes, lpValids);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_ASICFamilyType_Get), iAdapterIndex, lpAsicTypes, lpValids);
 }
 
 int ADL::Adapter_NumberOfAdapters_Get(int* lpNumAdapters)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_NumberOfAdapters_Get), lpNumAdapters);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_NumberOfAdapters_Get), lpNumAdapters);
 }
 
 int ADL::Adapter_AdapterInfoX2_Get(adl::AdapterInfo** lppAdapterInfo)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_AdapterInfoX2_Get), lppAdapterInfo);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_AdapterInfoX2_Get), lppAdapterInfo);
 }
 
 int ADL::Adapter_AdapterInfo_Get(adl::LPAdapterInfo lpInfo, int iInputSize)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_AdapterInfo_Get), lpInfo, iInputSize);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_AdapterInfo_Get), lpInfo, iInputSize);
 }
 
 int ADL::Adapter_Crossfire_Caps(int iAdapterIndex, int* lpPreferred, int* lpNumComb,
                                 adl::ADLCrossfireComb** ppCrossfireComb)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_Crossfire_Caps), iAdapterIndex, lpPreferred, lpNumComb,
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_Crossfire_Caps), iAdapterIndex, lpPreferred, lpNumComb,
                         ppCrossfireComb);
 }
 
 int ADL::Adapter_Crossfire_Get(int iAdapterIndex, adl::ADLCrossfireComb* lpCrossfireComb,
                                adl::ADLCrossfireInfo* lpCrossfireInfo)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_Crossfire_Get), iAdapterIndex, lpCrossfireComb,
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_Crossfire_Get), iAdapterIndex, lpCrossfireComb,
                         lpCrossfireInfo);
 }
 
 int ADL::Adapter_ID_Get(int iAdapterIndex, int* lpAdapterID)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Adapter_ID_Get), iAdapterIndex, lpAdapterID);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Adapter_ID_Get), iAdapterIndex, lpAdapterID);
 }
 
 int ADL::Overdrive5_Temperature_Get(int iAdapterIndex, int iThermalControllerIndex, adl::ADLTemperature* lpTemperature)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Overdrive5_Temperature_Get), iAdapterIndex, iThermalControllerIndex,
+    return classic(LIBKESTREL_ADL_ROW(ADL_Overdrive5_Temperature_Get), iAdapterIndex, iThermalControllerIndex,
                         lpTemperature);
 }
 
 int ADL::Overdrive6_Temperature_Get(int iAdapterIndex, int* lpTemperature)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Overdrive6_Temperature_Get), iAdapterIndex, lpTemperature);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Overdrive6_Temperature_Get), iAdapterIndex, lpTemperature);
 }
 
 int ADL::OverdriveN_Temperature_Get(int iAdapterIndex, int iTemperatureType, int* iTemperature)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_OverdriveN_Temperature_Get), iAdapterIndex, iTemperatureType,
+    return classic(LIBKESTREL_ADL_ROW(ADL_OverdriveN_Temperature_Get), iAdapterIndex, iTemperatureType,
                         iTemperature);
 }
 
@@ -253,35 +275,35 @@ int ADL::Overdrive5_ThermalDevices_Enum(int iAdapterIndex, int iThermalControlle
                                         adl::ADLThermalControllerInfo* lpThermalControllerInfo)
 {
     // This row has always reported its entry without the "ADL_" prefix.
-    return forwardToADL(entries.ADL_Overdrive5_ThermalDevices_Enum, "Overdrive5_ThermalDevices_Enum", iAdapterIndex,
+    return classic(entries.ADL_Overdrive5_ThermalDevices_Enum, "Overdrive5_ThermalDevices_Enum", iAdapterIndex,
                         iThermalControllerIndex, lpThermalControllerInfo);
 }
 
 int ADL::Overdrive_Caps(int iAdapterIndex, int* iSupported, int* iEnabled, int* iVersion)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Overdrive_Caps), iAdapterIndex, iSupported, iEnabled, iVersion);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Overdrive_Caps), iAdapterIndex, iSupported, iEnabled, iVersion);
 }
 
 int ADL::Overdrive5_CurrentActivity_Get(int iAdapterIndex, adl::ADLPMActivity* lpActivity)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Overdrive5_CurrentActivity_Get), iAdapterIndex, lpActivity);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Overdrive5_CurrentActivity_Get), iAdapterIndex, lpActivity);
 }
 
 int ADL::Display_DisplayInfo_Get(int iAdapterIndex, int* lpNumDisplays, adl::ADLDisplayInfo** lppInfo,
                                  int iForceDetect)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Display_DisplayInfo_Get), iAdapterIndex, lpNumDisplays, lppInfo,
+    return classic(LIBKESTREL_ADL_ROW(ADL_Display_DisplayInfo_Get), iAdapterIndex, lpNumDisplays, lppInfo,
                         iForceDetect);
 }
 
 int ADL::Display_ODClockInfo_Get(int iAdapterIndex, adl::ADLAdapterODClockInfo* lpOdClockInfo)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Display_ODClockInfo_Get), iAdapterIndex, lpOdClockInfo);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Display_ODClockInfo_Get), iAdapterIndex, lpOdClockInfo);
 }
 
 int ADL::Display_NumberOfDisplays_Get(int iAdapterIndex, int* lpNumDisplays)
 {
-    return forwardToADL(LIBKESTREL_ADL_ROW(ADL_Display_NumberOfDisplays_Get), iAdapterIndex, lpNumDisplays);
+    return classic(LIBKESTREL_ADL_ROW(ADL_Display_NumberOfDisplays_Get), iAdapterIndex, lpNumDisplays);
 }
 
 } // namespace libKestrel

@@ -314,26 +314,22 @@ TEST(NvmlSource, APropertyNvmlRefusesOrLacksIsLeftAbsentAndTheRestKept)
         EXPECT_EQ(run.lifecycle, closed);
     }
 
-    // The driver lacks the entry point: the device is read through a binding without it.
+    // The driver lacks the entry point: the device is read through entries without it.
     SimulatedModules modules{"sim_nvml"};
     SimulatedMachine machine(scenario({quadro}));
     ASSERT_TRUE(libKestrel::initializeLibrary());
     libKestrel::ScopeExit release(libKestrel::uninitializeLibrary);
-    libKestrel::NVMLFunctions& f = libKestrel::nvmlBinding().functions;
-    const libKestrel::NVMLFunctions full = f;
-    ASSERT_EQ(f.nvmlInit_v2(), libKestrel::nvml::NVML_SUCCESS);
-    libKestrel::ScopeExit shutdown([&f, &full] {
-        f = full;
-        f.nvmlShutdown();
-    });
+    const libKestrel::NVMLFunctions& full = libKestrel::nvmlBinding().functions;
+    ASSERT_EQ(full.nvmlInit_v2(), libKestrel::nvml::NVML_SUCCESS);
+    libKestrel::ScopeExit shutdown(full.nvmlShutdown);
     libKestrel::nvml::nvmlDevice_t device = nullptr;
-    ASSERT_EQ(f.nvmlDeviceGetHandleByIndex(0, &device), libKestrel::nvml::NVML_SUCCESS);
+    ASSERT_EQ(full.nvmlDeviceGetHandleByIndex(0, &device), libKestrel::nvml::NVML_SUCCESS);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.entry);
-        f = full;
-        std::memset(reinterpret_cast<char*>(&f) + row.offset, 0, sizeof f.nvmlInit_v2);
+        libKestrel::NVMLFunctions lacking = full;
+        std::memset(reinterpret_cast<char*>(&lacking) + row.offset, 0, sizeof lacking.nvmlInit_v2);
         LogCapture capture(Priority::WARNING);
-        EXPECT_EQ(describe(libKestrel::queryNVidiaGPU(device)), expected(row.lost));
+        EXPECT_EQ(describe(libKestrel::queryNVidiaGPU(lacking, device)), expected(row.lost));
         EXPECT_EQ(capture.messages(), row.missing);
     }
 }

@@ -24,6 +24,14 @@ using MonitorGPUQuerier = std::vector<std::shared_ptr<IGPU>> (*)(void* const& fi
 // order of first appearance, monitor-side records first. Records without a PCI
 // location are dropped. Sources run one after another on the calling thread;
 // an exception thrown by a source reaches the caller.
+//
+// Threads: queries may run on several threads at once, beside sessions, with
+// the same sources or others: each vendor's library is loaded once for all who
+// use it at the time and released when the last is done. Monitor enumeration
+// runs one at a time in the process (GLFW keeps one state per process): a second
+// query with monitor sources waits for the first, and a monitor source must not
+// start another query with monitor sources. A host's own sources run on the
+// calling thread and must allow that themselves.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryAllGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,
                                                                const std::vector<GPUQuerier>& gpuQueriers,
                                                                std::bitset<4>& status);

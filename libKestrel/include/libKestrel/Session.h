@@ -12,19 +12,30 @@
 
 namespace libKestrel {
 
-// A live view of the machine's GPUs for programs that watch them: the vendor
-// libraries are loaded and initialised once, for the session (NVML initialised,
-// an NVAPI reference, an ADL2 context; CUDA's driver and libpci stay loaded for
-// the process anyway), and each refresh asks the sources again inside that:
-// their own loads and initialisations nest and cost next to nothing, so a
-// refresh costs what the readings cost.
+// A live view of the machine's GPUs for programs that watch them. The vendor
+// libraries are loaded and initialised, and the GPUs enumerated, when the
+// session is made and at each rescan; the vendors stay open in between (NVML
+// initialised, an NVAPI reference, an ADL2 context; CUDA's driver and libpci
+// stay loaded for the process anyway). A refresh reads only what changes
+// (temperatures, utilisation, fan speeds, clocks, available memory, ECC counts)
+// through the handles the enumeration gave: NVML's device handles, NVAPI's GPU
+// handles, one ADL adapter index per GPU, the sysfs sensor files. CUDA's
+// properties do not change and are not read again; a host's own source runs
+// again at each refresh. A GPU that stops answering is logged once and loses
+// its readings until it answers again or a rescan finds it anew.
 //
 // Threads: refresh(), rescan() and close() may be called from any thread, one
-// at a time (calls from several threads are serialised). gpus(), status() and
-// sources() may be called from any thread at any time, also while another
-// thread refreshes: they return the snapshot of the last finished refresh or
-// rescan. A snapshot's records are never written again, so a reader never sees
-// a record half refreshed.
+// at a time per session (calls from several threads are serialised). gpus(),
+// status(), sources() and lastUpdateDuration() may be called from any thread at
+// any time, also while another thread refreshes: they return the snapshot of
+// the last finished refresh or rescan. A snapshot's records are never written
+// again, so a reader never sees a record half refreshed. Several sessions, and
+// one-shot queries (queryAllGPUs, queryAllGPUsIsolated, the sources of
+// libKestrel/Sources.h), may run on different threads at the same time.
+//
+// Failures: a refresh or rescan that throws (no memory left, a host's own source
+// that throws) leaves the session as it was before the call: the last snapshot
+// stays, whole, and the next call starts from it.
 class LIBKESTREL_API Session {
 public:
     // How one source of the session stands.

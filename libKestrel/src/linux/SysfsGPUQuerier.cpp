@@ -207,13 +207,13 @@ std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>&)
     return records;
 }
 
-session::LiveSource enumerateSysfsLive(std::bitset<4>&)
+LiveSource enumerateSysfsLive(std::bitset<4>&)
 {
-    session::LiveSource live;
+    LiveSource live;
     for (auto& [gpu, sensors] : enumerate())
         live.gpus.push_back({gpu, [sensors = std::move(sensors)](GPU& fresh) { sensors.read(fresh); }});
     // Files need nothing opened around them.
-    live.around = session::readDirectly;
+    live.around = readDirectly;
     return live;
 }
 

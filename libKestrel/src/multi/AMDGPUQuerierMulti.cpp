@@ -9,10 +9,11 @@
 #include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/ScopeExit.h"
+#include "libKestrel/internal/multi/AMD/AdlReadingContext.h"
+#include "libKestrel/internal/multi/AMD/adlcontrol.h"
 #include "libKestrel/internal/multi/AMD/adlwrapper.h"
 #include "libKestrel/internal/multi/AMD/amd_adl.h"
 #include "libKestrel/internal/multi/AMD/amd_adl2.h"
-#include "libKestrel/internal/session/AdlReadingContext.h"
 
 namespace libKestrel {
 namespace {
@@ -105,20 +106,52 @@ std::optional<pci::PciLocation> adapterLocation(const adl::AdapterInfo& info, co
 }
 
 // The readings that change while the GPU runs, in the order a record reads them.
-void readTemperatureClocksAndUse(int index, GPU& gpu)
+void readTemperatureClocksAndUse(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
 {
-    gpu.setTemperatureCurrent(query_TemperatureCurrent(index));
-    const AMDClockFrequencies clocks = query_ClockFrequencies(index);
+    gpu.setTemperatureCurrent(query_TemperatureCurrent(calls, index));
+    const AMDClockFrequencies clocks = query_ClockFrequencies(calls, index);
     gpu.setGraphicsClock(clocks.engine);
     gpu.setMemoryClock(clocks.memory);
-    gpu.setUtilizationGPU(query_UtilizationGPU(index));
+    gpu.setUtilizationGPU(query_UtilizationGPU(calls, index));
 }
 
-void readFan(int index, GPU& gpu)
+void readFan(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
 {
-    const AMDFanSpeed fan = query_FanSpeed(index);
+    const AMDFanSpeed fan = query_FanSpeed(calls, index);
     gpu.setFanSpeedPercent(fan.percent);
     gpu.setFanSpeedRPM(fan.rpm);
+}
+
+// What a session reads again: the temperature, one reading of the current
+// status (clocks and utilisation) and the fan.
+void readReadings(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
+{
+    gpu.setTemperatureCurrent(query_TemperatureCurrent(calls, index));
+    const AMDActivity activity = query_Activity(calls, index);
+    gpu.setGraphicsClock(activity.clocks.engine);
+    gpu.setMemoryClock(activity.clocks.memory);
+    gpu.setUtilizationGPU(activity.utilization);
+    readFan(calls, index, gpu);
+}
+
+// Runs 'use' inside a share of the process's one first-interface control, and
+// under the lock of its calls. 'start' starts the control when no one in the
+// process holds it; false, without running 'use', when it does not start.
+bool withFirstInterface(const adlwrapper::ADLFunctions& f, const std::function<bool()>& start,
+                        const std::function<void()>& use)
+{
+    const auto calls = adlcontrol::lockCalls();
+    if (!adlcontrol::acquire(calls, start))
+        return false;
+    // A library without the destroy entry has nothing to call.
+    ScopeExit end([&calls, destroy = f.ADL_Main_Control_Destroy] {
+        adlcontrol::release(calls, [destroy] {
+            if (destroy)
+                destroy();
+        });
+    });
+    use();
+    return true;
 }
 
 // Each adapter with its records, as a pass hands them on.
@@ -133,23 +166,24 @@ bool queryAdapters(const Take& take)
         log(site, Priority::WARNING, "142 ", "Main_Control_Create not available");
         return false;
     }
-    // 1: enumerate connected adapters only.
-    const int created = f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1);
-    if (created != adl::ADL_OK) {
-        log(site, Priority::WARNING, "149 ", "Failed to create main control: ", created);
-        return false;
-    }
-    // A library without the destroy entry has nothing to call.
-    ScopeExit destroy([destroyControl = f.ADL_Main_Control_Destroy] {
-        if (destroyControl)
-            destroyControl();
+    const auto start = [&f] {
+        // 1: enumerate connected adapters only.
+        const int created = f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1);
+        if (created != adl::ADL_OK)
+            log(site, Priority::WARNING, "149 ", "Failed to create main control: ", created);
+        return created == adl::ADL_OK;
+    };
+    bool listed = false;
+    withFirstInterface(f, start, [&] {
+        const auto adapters = readAdapters(adlTags, f.ADL_Adapter_NumberOfAdapters_Get, f.ADL_Adapter_AdapterInfo_Get);
+        if (!adapters)
+            return;
+        const adlwrapper::ADLCalls calls{f};
+        for (const adl::AdapterInfo& info : *adapters)
+            take(info, queryAMDGPU(calls, info)); // present or not
+        listed = true;
     });
-    const auto adapters = readAdapters(adlTags, f.ADL_Adapter_NumberOfAdapters_Get, f.ADL_Adapter_AdapterInfo_Get);
-    if (!adapters)
-        return false;
-    for (const adl::AdapterInfo& info : *adapters)
-        take(info, queryAMDGPU(info)); // present or not
-    return true;
+    return listed;
 }
 
 // Second pass, through an ADL2 context of its own.
@@ -195,7 +229,7 @@ void queryBothPasses(const Take& first, const Take& second, const std::function<
 
 } // namespace
 
-Records queryAMDGPU(const adl::AdapterInfo& info)
+Records queryAMDGPU(const adlwrapper::ADLCalls& calls, const adl::AdapterInfo& info)
 {
     auto trace = site.trace("queryAMDGPU", 150);
     log(site, Priority::TRACE, "49 ", "Adapter present: ", info.iPresent);
@@ -207,13 +241,13 @@ Records queryAMDGPU(const adl::AdapterInfo& info)
     gpu->setName(adlString(info.strAdapterName));
     gpu->setUUID(adlString(info.strUDID));
     gpu->setHardwareAcceleration(true);
-    gpu->setVBIOSVersion(query_VBIOSVersionString(index));
-    gpu->setCrossfire(query_Crossfire(index));
-    readTemperatureClocksAndUse(index, *gpu);
-    const AMDMemoryInfo memory = query_DedicatedMemory(index);
+    gpu->setVBIOSVersion(query_VBIOSVersionString(calls, index));
+    gpu->setCrossfire(query_Crossfire(calls, index));
+    readTemperatureClocksAndUse(calls, index, *gpu);
+    const AMDMemoryInfo memory = query_DedicatedMemory(calls, index);
     gpu->setDedicatedMemory(memory.size);
     gpu->setMemoryBandwidth(memory.bandwidth);
-    readFan(index, *gpu);
+    readFan(calls, index, *gpu);
     return {gpu};
 }
 
@@ -242,29 +276,26 @@ Records queryAMDGPUsMulti(std::bitset<4>&)
     return result;
 }
 
-session::LiveSource enumerateAdlLive(std::bitset<4>&)
+LiveSource enumerateAdlLive(std::bitset<4>&)
 {
-    session::LiveSource live;
+    LiveSource live;
+    // Opened before the passes, while their load of ADL holds the module.
+    std::shared_ptr<const AdlReadingContext> context;
     // ADL lists a GPU once per display output; one adapter index per GPU is read,
     // the others' records keep what does not change.
     std::vector<pci::PciLocation> read;
-    const Take first = [&live, &read](const adl::AdapterInfo& info, const Records& records) {
+    const Take first = [&live, &read, &context](const adl::AdapterInfo& info, const Records& records) {
         for (const auto& record : records) {
             auto gpu = std::static_pointer_cast<GPU>(record);
             const pci::PciLocation location = *gpu->pciLocation();
-            if (std::find(read.begin(), read.end(), location) != read.end()) {
-                session::clearReadings(*gpu);
+            if (!context || std::find(read.begin(), read.end(), location) != read.end()) {
+                clearReadings(*gpu);
                 live.gpus.push_back({gpu, {}});
                 continue;
             }
             read.push_back(location);
-            live.gpus.push_back({gpu, [index = info.iAdapterIndex](GPU& fresh) {
-                                     fresh.setTemperatureCurrent(query_TemperatureCurrent(index));
-                                     const AMDActivity activity = query_Activity(index);
-                                     fresh.setGraphicsClock(activity.clocks.engine);
-                                     fresh.setMemoryClock(activity.clocks.memory);
-                                     fresh.setUtilizationGPU(activity.utilization);
-                                     readFan(index, fresh);
+            live.gpus.push_back({gpu, [context, index = info.iAdapterIndex](GPU& fresh) {
+                                     readReadings(context->calls(), index, fresh);
                                  }});
         }
     };
@@ -272,29 +303,23 @@ session::LiveSource enumerateAdlLive(std::bitset<4>&)
         for (const auto& record : records)
             live.gpus.push_back({std::static_pointer_cast<GPU>(record), {}});
     };
-    // The readings go through an ADL2 context kept for them. A driver without the
-    // ADL2 forms of the reading entries is read through the first interface, with
-    // a control for one refresh; the session's hold keeps the driver started.
-    const auto bind = [&live] {
-        live.around = [bound = adlBinding(), context = session::AdlReadingContext::open(adlBinding())](
-                          const std::function<void()>& reads) {
-            const session::BorrowedEntries<adlwrapper::ADLFunctions> borrowed(adlBinding().functions, bound.functions);
-            if (context) {
-                context->run(adlBinding().functions, reads);
-                return true;
-            }
-            const adlwrapper::ADLFunctions& f = adlBinding().functions;
-            if (!f.ADL_Main_Control_Create || f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) != adl::ADL_OK)
-                return false;
-            ScopeExit destroy([destroyControl = f.ADL_Main_Control_Destroy] {
-                if (destroyControl)
-                    destroyControl();
-            });
-            reads();
-            return true;
+    const auto open = [&live, &context] {
+        context = AdlReadingContext::open();
+        live.vendor = context;
+        live.around = readDirectly;
+        if (!context || context->readsThroughContext())
+            return;
+        // A driver without the ADL2 forms of the readings is read through the
+        // first interface, with a share of its control for each refresh.
+        live.around = [context](const std::function<void()>& reads) {
+            const adlwrapper::ADLFunctions& f = context->calls().functions;
+            return withFirstInterface(
+                f,
+                [&f] { return f.ADL_Main_Control_Create && f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) == adl::ADL_OK; },
+                reads);
         };
     };
-    queryBothPasses(first, second, bind);
+    queryBothPasses(first, second, open);
     return live;
 }
 

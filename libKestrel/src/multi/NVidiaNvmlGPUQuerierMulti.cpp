@@ -41,37 +41,37 @@ std::optional<std::uint64_t> sumOfCounts(const NvmlEccCounts& counts)
 using Records = std::vector<std::shared_ptr<IGPU>>;
 
 // The readings that change while the GPU runs, in the order a record reads them.
-void readUtilization(nvml::nvmlDevice_t device, GPU& gpu)
+void readUtilization(const NVMLFunctions& entries, nvml::nvmlDevice_t device, GPU& gpu)
 {
-    const NvmlUtilization utilization = query_GPUAndMemoryUtilization(device);
+    const NvmlUtilization utilization = query_GPUAndMemoryUtilization(entries, device);
     gpu.setUtilizationGPU(utilization.gpu);
     gpu.setUtilizationMemory(utilization.memory);
 }
 
-void readEccCounts(nvml::nvmlDevice_t device, GPU& gpu)
+void readEccCounts(const NVMLFunctions& entries, nvml::nvmlDevice_t device, GPU& gpu)
 {
     using namespace nvml;
-    gpu.setECCErrorsCorrectedVolatile(
-        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_CORRECTED, NVML_VOLATILE_ECC)));
-    gpu.setECCErrorsUncorrectedVolatile(
-        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_VOLATILE_ECC)));
-    gpu.setECCErrorsCorrectedAggregate(
-        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_CORRECTED, NVML_AGGREGATE_ECC)));
-    gpu.setECCErrorsUncorrectedAggregate(
-        sumOfCounts(query_ECCMemoryErrors(device, NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_AGGREGATE_ECC)));
+    const auto sum = [&entries, device](unsigned int type, unsigned int counter) {
+        return sumOfCounts(query_ECCMemoryErrors(entries, device, type, counter));
+    };
+    gpu.setECCErrorsCorrectedVolatile(sum(NVML_MEMORY_ERROR_TYPE_CORRECTED, NVML_VOLATILE_ECC));
+    gpu.setECCErrorsUncorrectedVolatile(sum(NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_VOLATILE_ECC));
+    gpu.setECCErrorsCorrectedAggregate(sum(NVML_MEMORY_ERROR_TYPE_CORRECTED, NVML_AGGREGATE_ECC));
+    gpu.setECCErrorsUncorrectedAggregate(sum(NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_AGGREGATE_ECC));
 }
 
-void readReadings(nvml::nvmlDevice_t device, GPU& gpu)
+void readReadings(const NVMLFunctions& entries, nvml::nvmlDevice_t device, GPU& gpu)
 {
-    readUtilization(device, gpu);
-    readEccCounts(device, gpu);
-    gpu.setTemperatureCurrent(query_TemperatureCurrent(device));
-    gpu.setFanSpeedPercent(query_FanSpeedPercent(device));
+    readUtilization(entries, device, gpu);
+    readEccCounts(entries, device, gpu);
+    gpu.setTemperatureCurrent(query_TemperatureCurrent(entries, device));
+    gpu.setFanSpeedPercent(query_FanSpeedPercent(entries, device));
 }
 
 // Initialises NVML, hands every device NVML places on the PCI bus to 'take'
 // with its records, in NVML's order, and shuts NVML down again.
-void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvmlDevice_t, const Records&)>& take);
+void enumerateDevices(const NVMLFunctions& entries, std::bitset<4>& status,
+                      const std::function<void(nvml::nvmlDevice_t, const Records&)>& take);
 
 // Runs 'enumerate' with NVML loaded; false when it cannot be loaded.
 bool withNvmlLoaded(const std::function<void()>& enumerate)
@@ -86,12 +86,32 @@ bool withNvmlLoaded(const std::function<void()>& enumerate)
     return true;
 }
 
+// NVML kept loaded and initialised for a session's readers, so that the device
+// handles stay valid: one more load of the binding, whose table does not change
+// while it is held, and one more initialisation of NVML. Null when NVML will not
+// initialise. Called while the enumeration holds NVML loaded.
+std::shared_ptr<const NVMLFunctions> holdNvml()
+{
+    if (!initializeLibrary())
+        return nullptr;
+    const NVMLFunctions& entries = nvmlBinding().functions;
+    if (!entries.nvmlInit_v2 || !entries.nvmlShutdown || entries.nvmlInit_v2() != nvml::NVML_SUCCESS) {
+        uninitializeLibrary();
+        return nullptr;
+    }
+    // The deleter gives both back, also when the pointer itself cannot be made.
+    return std::shared_ptr<const NVMLFunctions>(&entries, [](const NVMLFunctions* held) {
+        held->nvmlShutdown();
+        uninitializeLibrary();
+    });
+}
+
 } // namespace
 
-std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& device)
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("queryNVidiaGPU", 55);
-    const NvmlBusAndDevice where = query_PciLocation(device);
+    const NvmlBusAndDevice where = query_PciLocation(entries, device);
     if (!where.bus || !where.device) {
         log(site, Priority::WARNING, "63 ", "Could not obtain PCI Location information for nvidia device");
         return {};
@@ -107,16 +127,16 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& devi
     log(site, Priority::TRACE, "72 ", "Found PCI location information: ", *location);
 
     auto gpu = std::make_shared<GPU>(*location);
-    gpu->setName(query_ProductName(device));
-    gpu->setUUID(query_UUID(device));
+    gpu->setName(query_ProductName(entries, device));
+    gpu->setUUID(query_UUID(entries, device));
     gpu->setHardwareAcceleration(true);
-    readUtilization(device, *gpu);
-    gpu->setVBIOSVersion(query_VBIOSVersionString(device));
-    readEccCounts(device, *gpu);
-    gpu->setTemperatureCurrent(query_TemperatureCurrent(device));
-    gpu->setTemperatureSlowdown(query_TemperatureSlowdown(device));
-    gpu->setTemperatureShutdown(query_TemperatureShutdown(device));
-    gpu->setFanSpeedPercent(query_FanSpeedPercent(device));
+    readUtilization(entries, device, *gpu);
+    gpu->setVBIOSVersion(query_VBIOSVersionString(entries, device));
+    readEccCounts(entries, device, *gpu);
+    gpu->setTemperatureCurrent(query_TemperatureCurrent(entries, device));
+    gpu->setTemperatureSlowdown(query_TemperatureSlowdown(entries, device));
+    gpu->setTemperatureShutdown(query_TemperatureShutdown(entries, device));
+    gpu->setFanSpeedPercent(query_FanSpeedPercent(entries, device));
     return {gpu};
 }
 
@@ -124,7 +144,7 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& st
 {
     auto trace = site.trace("queryNVidiaGPUsMultiWorker", 119);
     Records result;
-    enumerateDevices(status, [&result](nvml::nvmlDevice_t, const Records& records) {
+    enumerateDevices(nvmlBinding().functions, status, [&result](nvml::nvmlDevice_t, const Records& records) {
         result.insert(result.end(), records.begin(), records.end());
     });
     return result;
@@ -132,15 +152,15 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& st
 
 namespace {
 
-void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvmlDevice_t, const Records&)>& take)
+void enumerateDevices(const NVMLFunctions& functions, std::bitset<4>& status,
+                      const std::function<void(nvml::nvmlDevice_t, const Records&)>& take)
 {
-    const NVMLFunctions& functions = nvmlBinding().functions;
     if (!functions.nvmlInit_v2) {
         log(site, Priority::WARNING, "124 ", "NvmlInit not available");
         return;
     }
     if (const nvml::nvmlReturn_t code = functions.nvmlInit_v2(); code != nvml::NVML_SUCCESS) {
-        log(site, Priority::WARNING, "131 ", "Could not initialize NVML: ", nvmlErrorText(code));
+        log(site, Priority::WARNING, "131 ", "Could not initialize NVML: ", nvmlErrorText(functions, code));
         return;
     }
     ScopeExit shutdown([&functions] {
@@ -149,7 +169,7 @@ void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvm
         const nvml::nvmlReturn_t code =
             functions.nvmlShutdown ? functions.nvmlShutdown() : nvml::NVML_ERROR_FUNCTION_NOT_FOUND;
         if (code != nvml::NVML_SUCCESS)
-            log(site, Priority::CRITICAL, "138 ", "Error shutting down NVML: ", nvmlErrorText(code));
+            log(site, Priority::CRITICAL, "138 ", "Error shutting down NVML: ", nvmlErrorText(functions, code));
     });
 
     if (!functions.nvmlDeviceGetCount_v2) {
@@ -158,7 +178,7 @@ void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvm
     }
     unsigned int count = 0;
     if (const nvml::nvmlReturn_t code = functions.nvmlDeviceGetCount_v2(&count); code != nvml::NVML_SUCCESS) {
-        log(site, Priority::CRITICAL, "152 ", "Failed to retrieve device count: ", nvmlErrorText(code));
+        log(site, Priority::CRITICAL, "152 ", "Failed to retrieve device count: ", nvmlErrorText(functions, code));
         return;
     }
     log(site, Priority::TRACE, "158 ", "Enumerated physical NVidia GPU count: ", count);
@@ -171,12 +191,12 @@ void enumerateDevices(std::bitset<4>& status, const std::function<void(nvml::nvm
         nvml::nvmlDevice_t device = nullptr;
         if (const nvml::nvmlReturn_t code = functions.nvmlDeviceGetHandleByIndex(index, &device);
             code != nvml::NVML_SUCCESS) {
-            log(site, Priority::CRITICAL, "171 ", "Failed to retrieve device handle: ", nvmlErrorText(code));
+            log(site, Priority::CRITICAL, "171 ", "Failed to retrieve device handle: ", nvmlErrorText(functions, code));
             if (code == nvml::NVML_ERROR_INSUFFICIENT_POWER)
                 status.set(0);
             continue;
         }
-        take(device, queryNVidiaGPU(device));
+        take(device, queryNVidiaGPU(functions, device));
     }
 }
 
@@ -190,20 +210,18 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaNvmlGPUsMulti(std::bitset<4>& stat
     return result;
 }
 
-session::LiveSource enumerateNvmlLive(std::bitset<4>& status)
+LiveSource enumerateNvmlLive(std::bitset<4>& status)
 {
-    session::LiveSource live;
+    LiveSource live;
+    live.around = readDirectly;
     withNvmlLoaded([&] {
-        // NVML stays initialised for the session, so its device handles stay valid.
-        live.around = [bound = nvmlBinding()](const std::function<void()>& reads) {
-            const session::BorrowedEntries<NVMLFunctions> borrowed(nvmlBinding().functions, bound.functions);
-            reads();
-            return true;
-        };
-        enumerateDevices(status, [&live](nvml::nvmlDevice_t device, const Records& records) {
+        const std::shared_ptr<const NVMLFunctions> held = holdNvml();
+        live.vendor = held;
+        enumerateDevices(nvmlBinding().functions, status, [&live, &held](nvml::nvmlDevice_t device, const Records& records) {
             for (const auto& record : records)
                 live.gpus.push_back({std::static_pointer_cast<GPU>(record),
-                                     [device](GPU& gpu) { readReadings(device, gpu); }});
+                                     held ? Reader([held, device](GPU& gpu) { readReadings(*held, device, gpu); })
+                                          : Reader()});
         });
     });
     return live;

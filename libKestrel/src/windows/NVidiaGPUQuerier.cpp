@@ -125,12 +125,14 @@ void enumeratePhysicalGpus(const std::function<void(nvapi::NvPhysicalGpuHandle, 
 
 } // namespace
 
-session::LiveSource enumerateNvapiLive(std::bitset<4>&)
+LiveSource enumerateNvapiLive(std::bitset<4>&)
 {
-    session::LiveSource live;
-    // The session's hold keeps NVAPI initialised, so the GPU handles stay valid
-    // and the binding's entries stay resolved between refreshes.
-    live.around = session::readDirectly;
+    LiveSource live;
+    live.around = readDirectly;
+    // NVAPI counts its initialisations: one more keeps it initialised while the
+    // source lives, so the GPU handles stay valid and the entries resolved.
+    if (nvapi::NvAPI_Initialize() == nvapi::NVAPI_OK)
+        live.vendor = releasedWhenLetGo([] { nvapi::NvAPI_Unload(); });
     enumeratePhysicalGpus([&live](nvapi::NvPhysicalGpuHandle handle, const Records& records) {
         for (const auto& record : records)
             live.gpus.push_back(

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "libKestrel/Query.h"
-#include "libKestrel/internal/session/LiveSource.h"
+#include "libKestrel/internal/LiveSource.h"
 
 namespace libKestrel {
 
@@ -17,7 +17,7 @@ struct OwnSource {
     // How a session refreshes the source: through the handles this enumerates
     // (when given), or by querying it again when its readings change, or not at
     // all when none of its properties change while the GPU runs.
-    session::LiveEnumerator live;
+    LiveEnumerator live;
     bool readingsChange;
 };
 

@@ -47,6 +47,11 @@ bool initializeLibrary()
 {
     auto trace = site.trace("initializeLibrary", 46);
     ADLBinding& binding = adlBinding();
+    const std::lock_guard<std::mutex> lock(binding.mutex);
+    if (binding.loads > 0) {
+        ++binding.loads;
+        return true;
+    }
     bool loaded = false;
     for (const char* name : adl::ADL_LIBRARY_NAMES) {
         tova::DynamicLibrary candidate{tova::String(name)};
@@ -57,6 +62,7 @@ bool initializeLibrary()
         }
     }
     resolveEntries(binding.library, [&binding](auto visit) { listEntries(binding.functions, visit); });
+    binding.loads = loaded ? 1 : 0;
     return loaded;
 }
 
@@ -65,11 +71,14 @@ void uninitializeLibrary()
     // The release is traced under the load's name.
     auto trace = site.trace("initializeLibrary", 63);
     ADLBinding& binding = adlBinding();
+    const std::lock_guard<std::mutex> lock(binding.mutex);
+    if (binding.loads == 0 || --binding.loads > 0)
+        return;
     binding.library.unload();
     const adl::PFN_ADL_Overdrive6_FanSpeed_Get fanSpeed = binding.functions.ADL_Overdrive6_FanSpeed_Get;
     binding.functions = ADLFunctions();
-    // Left as it is on purpose: the next initializeLibrary overwrites it before
-    // anything can call it.
+    // Left as it is on purpose: the next first load overwrites it before anything
+    // can call it.
     binding.functions.ADL_Overdrive6_FanSpeed_Get = fanSpeed;
 }
 

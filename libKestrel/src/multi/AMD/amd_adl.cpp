@@ -9,7 +9,6 @@
 namespace libKestrel {
 namespace {
 
-using adlwrapper::adlBinding;
 using adlwrapper::adlString;
 using logging::log;
 using logging::Priority;
@@ -52,13 +51,40 @@ std::optional<T> reading(std::int64_t value, const char* label, std::int64_t tim
     return static_cast<T>(value * times / per);
 }
 
+// One of the three readings a session repeats: through its ADL2 context when
+// the calls have one, else through the first interface's entry. Tests as null
+// when the entry it would call is missing.
+template <class First, class Second>
+struct Reading {
+    First first;
+    Second second;
+    adl::ADL_CONTEXT_HANDLE context;
+
+    explicit operator bool() const { return context ? second != nullptr : first != nullptr; }
+
+    template <class... Args>
+    int operator()(Args... args) const
+    {
+        return context ? second(context, args...) : first(args...);
+    }
+};
+
+template <class First, class Second>
+Reading<First, Second> throughContext(const adlwrapper::ADLCalls& calls, First first,
+                                      Second adlwrapper::ADL2Readings::*second)
+{
+    if (!calls.readings)
+        return {first, nullptr, nullptr};
+    return {first, calls.readings->*second, calls.readings->context};
+}
+
 } // namespace
 
-std::optional<std::string> query_VBIOSVersionString(int adapterIndex)
+std::optional<std::string> query_VBIOSVersionString(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_VBIOSVersionString", 50);
     adl::ADLBiosInfo bios{};
-    if (!callADL(adlBinding().functions.ADL_Adapter_VideoBiosInfo_Get,
+    if (!callADL(calls.functions.ADL_Adapter_VideoBiosInfo_Get,
                  {"32 ", "Adapter_VideoBiosInfo_Get not available"},
                  {"39 ", "Failed to retrieve ADL VBIOS version string: "}, adapterIndex, &bios))
         return std::nullopt;
@@ -67,13 +93,13 @@ std::optional<std::string> query_VBIOSVersionString(int adapterIndex)
     return version;
 }
 
-std::optional<std::uint64_t> query_TemperatureCurrent(int adapterIndex)
+std::optional<std::uint64_t> query_TemperatureCurrent(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_TemperatureCurrent", 63);
     adl::ADLTemperature temperature{};
     temperature.iSize = sizeof(adl::ADLTemperature);
     // Thermal controller 0, the GPU's own.
-    if (!callADL(adlBinding().functions.ADL_Overdrive5_Temperature_Get,
+    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive5_Temperature_Get, &adlwrapper::ADL2Readings::temperature),
                  {"52 ", "Overdrive5_Temperature_Get not available"},
                  {"61 ", "Failed to retrieve ADL temperature: "}, adapterIndex, 0, &temperature))
         return std::nullopt;
@@ -81,10 +107,10 @@ std::optional<std::uint64_t> query_TemperatureCurrent(int adapterIndex)
     return reading<std::uint64_t>(temperature.iTemperature, "Temperature current (millidegrees Celsius): ", 1, 1000);
 }
 
-std::optional<bool> query_Crossfire(int adapterIndex)
+std::optional<bool> query_Crossfire(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_Crossfire", 77);
-    const adlwrapper::ADLFunctions& f = adlBinding().functions;
+    const adlwrapper::ADLFunctions& f = calls.functions;
     int preferred = 0;
     int numComb = 0;
     adl::ADLCrossfireComb* combinations = nullptr;
@@ -126,10 +152,10 @@ std::optional<bool> query_Crossfire(int adapterIndex)
 namespace {
 
 // The adapter's current status, for its clocks (and its activity).
-std::optional<adl::ADLOD6CurrentStatus> currentStatus(int adapterIndex)
+std::optional<adl::ADLOD6CurrentStatus> currentStatus(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     adl::ADLOD6CurrentStatus status{};
-    if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
+    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive6_CurrentStatus_Get, &adlwrapper::ADL2Readings::currentStatus),
                  {"177 ", "Overdrive6_CurrentStatus_Get not available"},
                  {"186 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
         return std::nullopt;
@@ -147,26 +173,26 @@ AMDClockFrequencies clocksOf(const adl::ADLOD6CurrentStatus& status)
 
 } // namespace
 
-AMDClockFrequencies query_ClockFrequencies(int adapterIndex)
+AMDClockFrequencies query_ClockFrequencies(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_ClockFrequencies", 119);
-    const auto status = currentStatus(adapterIndex);
+    const auto status = currentStatus(calls, adapterIndex);
     return status ? clocksOf(*status) : AMDClockFrequencies{};
 }
 
-AMDActivity query_Activity(int adapterIndex)
+AMDActivity query_Activity(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
-    const auto status = currentStatus(adapterIndex);
+    const auto status = currentStatus(calls, adapterIndex);
     if (!status)
         return {};
     return {clocksOf(*status), reading<std::uint32_t>(status->iActivityPercent, "GPU utilization: ")};
 }
 
-std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
+std::optional<std::uint32_t> query_UtilizationGPU(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_UtilizationGPU", 133);
     adl::ADLOD6CurrentStatus status{};
-    if (!callADL(adlBinding().functions.ADL_Overdrive6_CurrentStatus_Get,
+    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive6_CurrentStatus_Get, &adlwrapper::ADL2Readings::currentStatus),
                  {"207 ", "Overdrive6_CurrentStatus_Get not available"},
                  {"214 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
         return std::nullopt;
@@ -179,11 +205,11 @@ std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex)
     return reading<std::uint32_t>(status.iActivityPercent, "GPU utilization: ");
 }
 
-AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
+AMDMemoryInfo query_DedicatedMemory(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_DedicatedMemory", 150);
     adl::ADLMemoryInfo memory{};
-    if (!callADL(adlBinding().functions.ADL_Adapter_MemoryInfo_Get, {"232 ", "Adapter_MemoryInfo_Get not available"},
+    if (!callADL(calls.functions.ADL_Adapter_MemoryInfo_Get, {"232 ", "Adapter_MemoryInfo_Get not available"},
                  {"241 ", "Failed to retrieve ADL adapter memoryinfo: "}, adapterIndex, &memory))
         return {};
     const std::int64_t kilobytes = memory.iMemorySize / 1024;
@@ -195,12 +221,12 @@ AMDMemoryInfo query_DedicatedMemory(int adapterIndex)
             reading<std::uint64_t>(memory.iMemorySize, "Memory size: ", 1, 1024)};
 }
 
-AMDFanSpeed query_FanSpeed(int adapterIndex)
+AMDFanSpeed query_FanSpeed(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     auto trace = site.trace("query_FanSpeed", 165);
     adl::ADLOD6FanSpeedInfo fan{};
     fan.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
-    if (!callADL(adlBinding().functions.ADL_Overdrive6_FanSpeed_Get, {"263 ", "Overdrive6_FanSpeed_Get not available"},
+    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive6_FanSpeed_Get, &adlwrapper::ADL2Readings::fanSpeed), {"263 ", "Overdrive6_FanSpeed_Get not available"},
                  {"274 ", "Failed to retrieve ADL fanspeed info: "}, adapterIndex, &fan))
         return {};
     log(site, Priority::TRACE, "280 ", "FanSpeed %: ", fan.iFanSpeedPercent);

@@ -24,11 +24,9 @@ struct Messages {
     Priority::LOGGER_PRIORITY failurePriority = Priority::TRACE;
 };
 
-const NVMLFunctions& entries() { return nvmlBinding().functions; }
-
 // Calls 'entry' and says whether NVML answered, logging why not otherwise.
 template <class Entry, class... Arguments>
-bool answered(Entry entry, const Messages& messages, Arguments... arguments)
+bool answered(const NVMLFunctions& entries, Entry entry, const Messages& messages, Arguments... arguments)
 {
     if (!entry) {
         log(site, Priority::WARNING, messages.missingTag, messages.missingText);
@@ -36,7 +34,7 @@ bool answered(Entry entry, const Messages& messages, Arguments... arguments)
     }
     const nvml::nvmlReturn_t code = entry(arguments...);
     if (code != nvml::NVML_SUCCESS) {
-        log(site, messages.failurePriority, messages.failureTag, messages.failureText, nvmlErrorText(code));
+        log(site, messages.failurePriority, messages.failureTag, messages.failureText, nvmlErrorText(entries, code));
         return false;
     }
     return true;
@@ -45,11 +43,11 @@ bool answered(Entry entry, const Messages& messages, Arguments... arguments)
 // A text that NVML writes into our buffer of Size bytes: up to its first NUL,
 // and never past the buffer when NVML left no NUL in it.
 template <unsigned int Size, class Entry>
-std::optional<std::string> readText(Entry entry, nvml::nvmlDevice_t const& device, const Messages& messages,
-                                    const char* tag, const char* label)
+std::optional<std::string> readText(const NVMLFunctions& entries, Entry entry, nvml::nvmlDevice_t const& device,
+                                    const Messages& messages, const char* tag, const char* label)
 {
     char buffer[Size] = {}; // a call that writes nothing reads as an empty text
-    if (!answered(entry, messages, device, buffer, Size))
+    if (!answered(entries, entry, messages, device, buffer, Size))
         return std::nullopt;
     std::string text(buffer, std::find(buffer, buffer + Size, '\0'));
     log(site, Priority::TRACE, tag, label, text);
@@ -58,11 +56,11 @@ std::optional<std::string> readText(Entry entry, nvml::nvmlDevice_t const& devic
 
 // A number that NVML writes through the last argument of 'entry'.
 template <class Entry, class... Arguments>
-std::optional<std::uint32_t> readNumber(Entry entry, const Messages& messages, const char* tag, const char* label,
-                                        Arguments... arguments)
+std::optional<std::uint32_t> readNumber(const NVMLFunctions& entries, Entry entry, const Messages& messages,
+                                        const char* tag, const char* label, Arguments... arguments)
 {
     unsigned int value = 0;
-    if (!answered(entry, messages, arguments..., &value))
+    if (!answered(entries, entry, messages, arguments..., &value))
         return std::nullopt;
     log(site, Priority::TRACE, tag, label, shown(value));
     return value;
@@ -70,11 +68,11 @@ std::optional<std::uint32_t> readNumber(Entry entry, const Messages& messages, c
 
 } // namespace
 
-NvmlBusAndDevice query_PciLocation(nvml::nvmlDevice_t const& device)
+NvmlBusAndDevice query_PciLocation(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_PciLocation", 50);
     nvml::nvmlPciInfo_t info{};
-    if (!answered(entries().nvmlDeviceGetPciInfo_v2,
+    if (!answered(entries, entries.nvmlDeviceGetPciInfo_v2,
                   {"53 ", "NvmlDeviceGetPciInfo not available", "61 ", "Failed to retrieve NVML PCI location: ",
                    Priority::WARNING},
                   device, &info))
@@ -84,65 +82,65 @@ NvmlBusAndDevice query_PciLocation(nvml::nvmlDevice_t const& device)
     return {info.bus, info.device};
 }
 
-std::optional<std::string> query_ProductName(nvml::nvmlDevice_t const& device)
+std::optional<std::string> query_ProductName(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_ProductName", 75);
     return readText<nvml::NVML_DEVICE_NAME_BUFFER_SIZE>(
-        entries().nvmlDeviceGetName, device,
+        entries, entries.nvmlDeviceGetName, device,
         {"78 ", "NvmlDeviceGetName not available", "85 ", "Failed to retrieve NVML device name: "}, "89 ",
         "Product name: ");
 }
 
-std::optional<std::string> query_UUID(nvml::nvmlDevice_t const& device)
+std::optional<std::string> query_UUID(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_UUID", 95);
     return readText<nvml::NVML_DEVICE_UUID_BUFFER_SIZE>(
-        entries().nvmlDeviceGetUUID, device,
+        entries, entries.nvmlDeviceGetUUID, device,
         {"98 ", "NvmlDeviceGetUUID not available", "105 ", "Failed to retrieve NVML UUID: "}, "109 ", "UUID: ");
 }
 
-std::optional<std::string> query_VBIOSVersionString(nvml::nvmlDevice_t const& device)
+std::optional<std::string> query_VBIOSVersionString(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_VBIOSVersionString", 115);
     return readText<nvml::NVML_DEVICE_VBIOS_VERSION_BUFFER_SIZE>(
-        entries().nvmlDeviceGetVbiosVersion, device,
+        entries, entries.nvmlDeviceGetVbiosVersion, device,
         {"118 ", "NvmlDeviceGetVbiosVersion not available", "125 ", "Failed to retrieve NVML VBIOS version string: "},
         "136 ", "VBIOS version: ");
 }
 
-std::optional<std::uint32_t> query_TemperatureCurrent(nvml::nvmlDevice_t const& device)
+std::optional<std::uint32_t> query_TemperatureCurrent(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_TemperatureCurrent", 174);
-    return readNumber(entries().nvmlDeviceGetTemperature,
+    return readNumber(entries, entries.nvmlDeviceGetTemperature,
                       {"177 ", "NvmlDeviceGetTemperature not available", "184 ",
                        "Failed to retrieve NVML current temperature: "},
                       "188 ", "Temperature current (Celsius): ", device, nvml::NVML_TEMPERATURE_GPU);
 }
 
 // The two threshold queries carry the trace name of the current-temperature query.
-std::optional<std::uint32_t> query_TemperatureSlowdown(nvml::nvmlDevice_t const& device)
+std::optional<std::uint32_t> query_TemperatureSlowdown(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_TemperatureCurrent", 194);
-    return readNumber(entries().nvmlDeviceGetTemperatureThreshold,
+    return readNumber(entries, entries.nvmlDeviceGetTemperatureThreshold,
                       {"197 ", "NvmlDeviceGetTemperatureThreshold not available", "204 ",
                        "Failed to retrieve NVML VBIOS slowdown temperature: "},
                       "208 ", "Temperature slowdown (Celsius): ", device, nvml::NVML_TEMPERATURE_THRESHOLD_SLOWDOWN);
 }
 
-std::optional<std::uint32_t> query_TemperatureShutdown(nvml::nvmlDevice_t const& device)
+std::optional<std::uint32_t> query_TemperatureShutdown(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_TemperatureCurrent", 214);
-    return readNumber(entries().nvmlDeviceGetTemperatureThreshold,
+    return readNumber(entries, entries.nvmlDeviceGetTemperatureThreshold,
                       {"217 ", "NvmlDeviceGetTemperatureThreshold not available", "224 ",
                        "Failed to retrieve NVML VBIOS shutdown temperature: "},
                       "228 ", "Temperature shutdown (Celsius): ", device, nvml::NVML_TEMPERATURE_THRESHOLD_SHUTDOWN);
 }
 
-NvmlUtilization query_GPUAndMemoryUtilization(nvml::nvmlDevice_t const& device)
+NvmlUtilization query_GPUAndMemoryUtilization(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_GPUAndMemoryUtilization", 234);
     nvml::nvmlUtilization_t rates{};
-    if (!answered(entries().nvmlDeviceGetUtilizationRates,
+    if (!answered(entries, entries.nvmlDeviceGetUtilizationRates,
                   {"237 ", "NvmlDeviceGetUtilizationRates not available", "246 ",
                    "Failed to retrieve NVML GPU/Memory utilization: "},
                   device, &rates))
@@ -152,11 +150,11 @@ NvmlUtilization query_GPUAndMemoryUtilization(nvml::nvmlDevice_t const& device)
     return {rates.gpu, rates.memory};
 }
 
-NvmlEccCounts query_ECCMemoryErrors(nvml::nvmlDevice_t const& device, unsigned int errorType, unsigned int counterType)
+NvmlEccCounts query_ECCMemoryErrors(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device, unsigned int errorType, unsigned int counterType)
 {
     auto trace = site.trace("query_ECCMemoryErrors", 261);
     nvml::nvmlEccErrorCounts_t counts{};
-    if (!answered(entries().nvmlDeviceGetDetailedEccErrors,
+    if (!answered(entries, entries.nvmlDeviceGetDetailedEccErrors,
                   {"268 ", "NvmlDeviceGetDetailedEccErrors not available", "278 ",
                    "Failed to retrieve NVML ECC memory error count: "},
                   device, static_cast<nvml::nvmlMemoryErrorType_t>(errorType),
@@ -169,10 +167,10 @@ NvmlEccCounts query_ECCMemoryErrors(nvml::nvmlDevice_t const& device, unsigned i
     return {counts.deviceMemory, counts.l1Cache, counts.l2Cache, counts.registerFile};
 }
 
-std::optional<std::uint32_t> query_FanSpeedPercent(nvml::nvmlDevice_t const& device)
+std::optional<std::uint32_t> query_FanSpeedPercent(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
 {
     auto trace = site.trace("query_FanSpeedPercent", 295);
-    return readNumber(entries().nvmlDeviceGetFanSpeed,
+    return readNumber(entries, entries.nvmlDeviceGetFanSpeed,
                       {"298 ", "NvmlDeviceGetFanSpeed not available", "305 ", "Failed to retrieve NVML fan speed: "},
                       "309 ", "Fan speed (percent): ", device);
 }

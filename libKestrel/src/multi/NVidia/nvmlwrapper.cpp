@@ -115,6 +115,11 @@ NVMLBinding& nvmlBinding() { return binding; }
 bool initializeLibrary()
 {
     auto trace = site.trace("initializeLibrary", 96);
+    const std::lock_guard<std::mutex> lock(binding.mutex);
+    if (binding.loads > 0) {
+        ++binding.loads;
+        return true;
+    }
     const tova::String path = nvmlPath();
     if (path.empty()) {
         log(site, Priority::WARNING, "115 ", "Cannot load NVML: Could not obtain path for the program files directory");
@@ -132,19 +137,23 @@ bool initializeLibrary()
 
     binding.library = candidate;
     resolveEntries(binding.library, [](auto visit) { listEntries(binding.functions, visit); });
+    binding.loads = 1;
     return true;
 }
 
 void uninitializeLibrary()
 {
     auto trace = site.trace("uninitializeLibrary", 144);
+    const std::lock_guard<std::mutex> lock(binding.mutex);
+    if (binding.loads == 0 || --binding.loads > 0)
+        return;
     binding.library.unload();
     binding.functions = NVMLFunctions();
 }
 
-std::string describeNvmlError(nvml::nvmlReturn_t code)
+std::string describeNvmlError(const NVMLFunctions& functions, nvml::nvmlReturn_t code)
 {
-    const char* text = binding.functions.nvmlErrorString ? binding.functions.nvmlErrorString(code) : nullptr;
+    const char* text = functions.nvmlErrorString ? functions.nvmlErrorString(code) : nullptr;
     if (!text)
         return std::to_string(static_cast<int>(code));
     std::size_t length = 0;

@@ -2,12 +2,12 @@
 
 #include <bitset>
 
-#include "libKestrel/internal/session/LiveSource.h"
+#include "libKestrel/internal/LiveSource.h"
 
 namespace libKestrel {
 
 // The sysfs source's records for a session: each reads its device's sensor and
 // driver files again.
-session::LiveSource enumerateSysfsLive(std::bitset<4>& status);
+LiveSource enumerateSysfsLive(std::bitset<4>& status);
 
 } // namespace libKestrel

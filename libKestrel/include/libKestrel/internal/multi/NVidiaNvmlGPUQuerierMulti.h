@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "libKestrel/IGPU.h"
-#include "libKestrel/internal/session/LiveSource.h"
+#include "libKestrel/internal/LiveSource.h"
+#include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
 #include "libKestrel/vendor/nvml.h"
 
 namespace libKestrel {
@@ -18,11 +19,13 @@ namespace libKestrel {
 // refuses a device for insufficient power.
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPUsMultiWorker(std::bitset<4>& status);
 
-// The record of one device (none when NVML gives no PCI location for it).
-std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvml::nvmlDevice_t const& device);
+// The record of one device (none when NVML gives no PCI location for it),
+// read through 'entries'.
+std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
 
-// The same records for a session, which holds NVML initialised: each reads its
-// device's changing properties again through the device's handle.
-session::LiveSource enumerateNvmlLive(std::bitset<4>& status);
+// The same records for a session: NVML stays loaded and initialised while the
+// source lives, and each record reads its device's changing properties again
+// through the device's handle.
+LiveSource enumerateNvmlLive(std::bitset<4>& status);
 
 } // namespace libKestrel

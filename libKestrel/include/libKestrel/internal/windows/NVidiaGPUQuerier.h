@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "libKestrel/IGPU.h"
-#include "libKestrel/internal/session/LiveSource.h"
+#include "libKestrel/internal/LiveSource.h"
 #include "libKestrel/vendor/nvapi.h"
 
 namespace libKestrel {
@@ -15,7 +15,8 @@ namespace libKestrel {
 std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(nvapi::NvPhysicalGpuHandle const& handle);
 
 // The NVAPI source for a session: its records, each read again through its GPU
-// handle (available memory and clocks). NVAPI must stay initialised meanwhile.
-session::LiveSource enumerateNvapiLive(std::bitset<4>& status);
+// handle (available memory and clocks). NVAPI stays initialised while the
+// source lives.
+LiveSource enumerateNvapiLive(std::bitset<4>& status);
 
 } // namespace libKestrel

@@ -2,15 +2,17 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <mutex>
 #include <string>
 
 #include "libKestrel/vendor/adl.h"
 #include "tova/DynamicLibrary.h"
 
-// The ADL binding of the AMD record source: loads the driver's ADL library for
-// one query, keeps its entry points in one process-wide table, and empties the
-// table again when the query is done. Its functions live in a namespace of their
-// own because the NVML binding has functions of the same names.
+// The ADL binding of the AMD record source: loads the driver's ADL library while
+// a query or a session needs it, keeps its entry points in one process-wide
+// table, and empties the table again when the last of them is done. Its
+// functions live in a namespace of their own because the NVML binding has
+// functions of the same names.
 namespace libKestrel::adlwrapper {
 
 // The ADL entry points the AMD source calls, null until resolved.
@@ -34,8 +36,14 @@ struct ADLFunctions {
     adl::PFN_ADL2_Adapter_AdapterInfo_Get ADL2_Adapter_AdapterInfo_Get = nullptr;
 };
 
-// Process-wide binding state. No lock guards it: one AMD query at a time.
+// Process-wide binding state. Loads are counted: the first initializeLibrary
+// loads the module and fills the table, the uninitializeLibrary that balances
+// the last one unloads it and clears the table. In between neither changes, so
+// every holder of a load may call through the table from any thread; 'mutex'
+// guards the count and the two changes.
 struct ADLBinding {
+    std::mutex mutex;
+    unsigned int loads = 0;
     tova::DynamicLibrary library;
     ADLFunctions functions;
 };
@@ -43,13 +51,33 @@ struct ADLBinding {
 ADLBinding& adlBinding();
 
 // Loads ADL ("atiadlxx.dll", else "atiadlxy.dll"; "libatiadlxx.so" on Linux) and
-// looks up every entry. False when no candidate loaded; the look-ups then run on
-// whatever library is held (none between queries), so the slots end up null.
+// looks up every entry, or counts one more load of the module already loaded.
+// False when no candidate loaded; the look-ups then run on the empty holder,
+// so the slots end up null.
 bool initializeLibrary();
 
-// Unloads ADL and clears the table, all but the ADL_Overdrive6_FanSpeed_Get slot,
-// which the next initializeLibrary overwrites.
+// Balances one successful initializeLibrary. The last one unloads ADL and clears
+// the table, all but the ADL_Overdrive6_FanSpeed_Get slot, which the next first
+// load overwrites.
 void uninitializeLibrary();
+
+// The ADL2 forms of the readings a session takes again, with the context they
+// run on: a session reads through a context of its own, so it needs no control
+// of the first interface, which ADL keeps once per process.
+struct ADL2Readings {
+    adl::ADL_CONTEXT_HANDLE context = nullptr;
+    adl::PFN_ADL2_Overdrive5_Temperature_Get temperature = nullptr;
+    adl::PFN_ADL2_Overdrive6_CurrentStatus_Get currentStatus = nullptr;
+    adl::PFN_ADL2_Overdrive6_FanSpeed_Get fanSpeed = nullptr;
+};
+
+// What the AMD source's queries call: the first interface's entries, and, when
+// given, the ADL2 readings that stand in for its temperature, current-status
+// and fan entries.
+struct ADLCalls {
+    const ADLFunctions& functions;
+    const ADL2Readings* readings = nullptr;
+};
 
 // More adapters than any machine has (a GPU has one per output): an adapter
 // count above it comes from a broken driver, and nothing is allocated for it.

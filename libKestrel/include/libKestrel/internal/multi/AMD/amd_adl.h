@@ -4,9 +4,13 @@
 #include <optional>
 #include <string>
 
+#include "libKestrel/internal/multi/AMD/adlwrapper.h"
+
 // The per-property queries of the AMD record source, each about one ADL adapter
-// index, through the table of the ADL binding (which must be loaded and started).
-// Every failure is logged and leaves the result, or its part, empty.
+// index, through the calls they are given: the ADL binding's table (loaded, and
+// the first interface started), and for the readings a session repeats, its
+// ADL2 context when it has one. Every failure is logged and leaves the result,
+// or its part, empty.
 namespace libKestrel {
 
 struct AMDClockFrequencies {
@@ -25,21 +29,21 @@ struct AMDMemoryInfo {
     std::optional<std::uint64_t> size;      // kilobytes
 };
 
-std::optional<std::string> query_VBIOSVersionString(int adapterIndex);
+std::optional<std::string> query_VBIOSVersionString(const adlwrapper::ADLCalls& calls, int adapterIndex);
 // Whole degrees Celsius, truncated toward zero.
-std::optional<std::uint64_t> query_TemperatureCurrent(int adapterIndex);
+std::optional<std::uint64_t> query_TemperatureCurrent(const adlwrapper::ADLCalls& calls, int adapterIndex);
 // Whether the adapter's preferred CrossFire combination is supported.
-std::optional<bool> query_Crossfire(int adapterIndex);
-AMDClockFrequencies query_ClockFrequencies(int adapterIndex);
+std::optional<bool> query_Crossfire(const adlwrapper::ADLCalls& calls, int adapterIndex);
+AMDClockFrequencies query_ClockFrequencies(const adlwrapper::ADLCalls& calls, int adapterIndex);
 // The clocks and the utilisation from one reading of the adapter's current
 // status, as a session reads them again.
 struct AMDActivity {
     AMDClockFrequencies clocks;
     std::optional<std::uint32_t> utilization; // percent
 };
-AMDActivity query_Activity(int adapterIndex);
-std::optional<std::uint32_t> query_UtilizationGPU(int adapterIndex);
-AMDMemoryInfo query_DedicatedMemory(int adapterIndex);
-AMDFanSpeed query_FanSpeed(int adapterIndex);
+AMDActivity query_Activity(const adlwrapper::ADLCalls& calls, int adapterIndex);
+std::optional<std::uint32_t> query_UtilizationGPU(const adlwrapper::ADLCalls& calls, int adapterIndex);
+AMDMemoryInfo query_DedicatedMemory(const adlwrapper::ADLCalls& calls, int adapterIndex);
+AMDFanSpeed query_FanSpeed(const adlwrapper::ADLCalls& calls, int adapterIndex);
 
 } // namespace libKestrel

@@ -22,7 +22,8 @@ struct GLFWFunctions {
     glfw::PFN_glfwSetWindowPos glfwSetWindowPos = nullptr;
 };
 
-// Process-wide binding state. No lock guards it: one enumeration at a time.
+// Process-wide binding state, used by one monitor enumeration at a time: the
+// enumeration holds its lock throughout.
 struct GLFWBinding {
     tova::DynamicLibrary library;
     std::atomic<bool> loaded{false};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 
 #include "libKestrel/internal/Logging.h"
@@ -28,8 +29,15 @@ struct NVMLFunctions {
     nvml::PFN_nvmlErrorString nvmlErrorString = nullptr;
 };
 
-// Process-wide binding state. No lock guards it: one NVML query at a time.
+// Process-wide binding state. Loads are counted, as NVML counts its own
+// initialisations: the first initializeLibrary loads the module and fills the
+// table, the uninitializeLibrary that balances the last one unloads it and
+// clears the table. In between neither changes, so every holder of a load may
+// call through the table from any thread; 'mutex' guards the count and the two
+// changes.
 struct NVMLBinding {
+    std::mutex mutex;
+    unsigned int loads = 0;
     tova::DynamicLibrary library;
     NVMLFunctions functions;
 };
@@ -37,23 +45,26 @@ struct NVMLBinding {
 NVMLBinding& nvmlBinding();
 
 // Loads NVML (on Windows "%ProgramW6432%\NVIDIA Corporation\NVSMI\nvml.dll", on
-// Linux "libnvidia-ml.so.1") and fills the table; a missing export leaves its
-// entry null. False, with the binding unchanged, when the module would not load.
+// Linux "libnvidia-ml.so.1") and fills the table, or counts one more load of the
+// module already loaded; a missing export leaves its entry null. False, with
+// the binding unchanged, when the module would not load.
 bool initializeLibrary();
 
-// Releases the module and clears the table.
+// Balances one successful initializeLibrary; the last one releases the module
+// and clears the table.
 void uninitializeLibrary();
 
-// NVML's text for a return code. NVML may give no text (or lack
-// nvmlErrorString); the code's number stands in for it then.
-std::string describeNvmlError(nvml::nvmlReturn_t code);
+// NVML's text for a return code, through 'functions' (nvmlErrorString). NVML
+// may give no text (or lack nvmlErrorString); the code's number stands in for
+// it then.
+std::string describeNvmlError(const NVMLFunctions& functions, nvml::nvmlReturn_t code);
 
 // That text as a log value, asked of NVML only when the message is written: a
 // failure logged below the threshold (an unsupported reading, at every refresh
 // of a session) costs no call and no allocation.
-inline auto nvmlErrorText(nvml::nvmlReturn_t code)
+inline auto nvmlErrorText(const NVMLFunctions& functions, nvml::nvmlReturn_t code)
 {
-    return logging::deferred([code] { return describeNvmlError(code); });
+    return logging::deferred([&functions, code] { return describeNvmlError(functions, code); });
 }
 
 } // namespace libKestrel

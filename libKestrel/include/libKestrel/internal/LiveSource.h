@@ -7,7 +7,12 @@
 
 #include "libKestrel/GPU.h"
 
-namespace libKestrel::session {
+// What one of the library's own sources offers a program that keeps watching
+// its GPUs: the records of one enumeration, each with a reader bound to the
+// vendor handle the GPU was enumerated by, and what keeps the vendor open for
+// those readers. A reader calls only through what it holds (the vendor's
+// entries, a context), never through a table another thread may change.
+namespace libKestrel {
 
 // Reads one GPU's changing properties (temperature, utilisation, fan speeds,
 // clocks, available memory, ECC counts) again into 'gpu', through the handle
@@ -19,11 +24,14 @@ struct LiveGPU {
     Reader read;                 // empty for a record none of whose properties change
 };
 
-// A source's GPUs as a session keeps them between refreshes.
 struct LiveSource {
+    // Keeps the vendor's library loaded and initialised, and the handles valid,
+    // for as long as the source and its readers live (they may share it). Null
+    // when the vendor could not be opened.
+    std::shared_ptr<const void> vendor;
     std::vector<LiveGPU> gpus;
-    // Runs 'reads' with what the readers call through made ready (the vendor's
-    // entries bound, a control created); false, without running them, when the
+    // Runs 'reads' with what the readers need made ready around them (a
+    // control of ADL's first interface); false, without running them, when the
     // vendor can no longer be reached.
     std::function<bool(const std::function<void()>& reads)> around;
 };
@@ -35,7 +43,16 @@ inline bool readDirectly(const std::function<void()>& reads)
     return true;
 }
 
-// Enumerates one source for a session: its records, each with its reader.
+// What keeps a vendor open for a live source whose vendor counts its own
+// initialisations: 'release' runs when the last holder lets go, and also when
+// the holder itself cannot be made.
+inline std::shared_ptr<const void> releasedWhenLetGo(void (*release)())
+{
+    static const char held = 0;
+    return std::shared_ptr<const void>(&held, [release](const void*) { release(); });
+}
+
+// Enumerates one source for a watching program: its records, each with its reader.
 using LiveEnumerator = LiveSource (*)(std::bitset<4>& status);
 
 // Clears the properties a reader writes, so that what it cannot read is absent.
@@ -50,20 +67,4 @@ void takeReadings(GPU& into, const GPU& from);
 // rules keep the larger or smaller value, so the order of folding is free.
 void foldReadings(GPU& into, const GPU& from);
 
-// Puts a vendor's entries, looked up at enumeration, in its global binding for
-// one refresh's reads, and puts back what was there. The session's share of the
-// module keeps the entries valid; only the table of pointers is copied.
-template <class Entries>
-class BorrowedEntries {
-public:
-    BorrowedEntries(Entries& global, const Entries& borrowed) : global_(global), saved_(global) { global_ = borrowed; }
-    ~BorrowedEntries() { global_ = saved_; }
-    BorrowedEntries(const BorrowedEntries&) = delete;
-    BorrowedEntries& operator=(const BorrowedEntries&) = delete;
-
-private:
-    Entries& global_;
-    Entries saved_;
-};
-
-} // namespace libKestrel::session
+} // namespace libKestrel

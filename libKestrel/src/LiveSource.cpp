@@ -1,11 +1,11 @@
-#include "libKestrel/internal/session/LiveSource.h"
+#include "libKestrel/internal/LiveSource.h"
 
 #include "libKestrel/internal/Kestrel.h"
 
 // The getters are named with their class: every record here is a GPU, and the
 // calls need no virtual dispatch.
 
-namespace libKestrel::session {
+namespace libKestrel {
 
 // The properties that change while a GPU runs, as (getter, setter, merge rule).
 #define LIBKESTREL_READINGS(X)                                                                          \
@@ -66,4 +66,4 @@ void foldReadings(GPU& into, const GPU& from)
 
 #undef LIBKESTREL_READINGS
 
-} // namespace libKestrel::session
+} // namespace libKestrel
