@@ -26,7 +26,10 @@ struct Context {
 
 struct Module {
     sim::adl::Machine machine;
-    int controls = 0; // main controls of the first interface now open
+    // Creates of the first interface's main control since it was last ended. The
+    // first interface keeps one state per process: every create while it is
+    // started joins it, and one destroy ends it for every client.
+    int controls = 0;
     ADL_MAIN_MALLOC_CALLBACK allocate = nullptr;
     bool connectedOnly = true;
     std::vector<std::unique_ptr<Context>> contexts;
@@ -581,7 +584,7 @@ SIM_EXPORT int ADL_Main_Control_Destroy()
     const Call call = begin({"ADL_Main_Control_Destroy"});
     if (call.early)
         return *call.early;
-    --module().controls;
+    module().controls = 0;
     sim::record("ADL main control destroyed");
     return ADL_OK;
 }

@@ -9,6 +9,7 @@
 
 #include "common/Records.h"
 #include "common/Test.h"
+#include "libKestrel/AMDGPU.h"
 #include "libKestrel/Session.h"
 #include "state/SimulatorState.h"
 
@@ -136,6 +137,27 @@ TEST(SessionOnADriverWithoutAdl2, ReadsThroughAControlPerRefresh)
     EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 65u);
     EXPECT_EQ(simulated.count("ADL_Main_Control_Create"), 1u) << "the refresh's (a new scenario clears the journal)";
     EXPECT_EQ(simulated.count("ADL_Main_Control_Destroy"), 1u);
+}
+
+// Run in a process of its own, on a driver without ADL2 (CMake): the device
+// classes keep ADL loaded for the rest of the process. ADL's first interface
+// has one control per process; a host's AMDGPU, the session's refreshes and a
+// one-shot query share it, and none ends it under the others.
+TEST(SessionBesideAHostsAmdGpu, SharesTheFirstInterfaceWithoutEndingIt)
+{
+    SimulatedMachine simulated(machine(40));
+    std::vector<libKestrel::AMDGPU> amd;
+    ASSERT_EQ(libKestrel::AMDGPU::enumerate(amd), 1u);
+    libKestrel::Session session({libKestrel::queryAMDGPUsMulti});
+    kestrelSimSetScenario(machine(65).c_str());
+    session.refresh();
+    EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 65u);
+    std::bitset<4> status;
+    EXPECT_EQ(libKestrel::queryAllGPUs({}, {libKestrel::queryAMDGPUsMulti}, status).size(), 1u);
+    std::vector<float> temperatures;
+    amd[0].currentTemperature(temperatures);
+    EXPECT_EQ(temperatures, std::vector<float>(2, 65.0f)) << "the host's AMDGPU still reads";
+    EXPECT_EQ(simulated.count("ADL main control destroyed"), 0u);
 }
 
 // A GPU that leaves the machine while the session holds its handle keeps what
