@@ -201,7 +201,9 @@ TEST(KestrelTool, BadInputEndsWithOneLineAndExitCode2)
     const std::vector<Case> cases = {
         {{"--frobnicate"}, "--frobnicate"},
         {{"--log-level", "9"}, "--log-level"},
-        {{"--watch", "soon"}, "--watch"},
+        {{"--watch", "soon"}, "--watch: 'soon' is not a positive number of seconds"},
+        {{"serve", "--interval", "0"}, "--interval: '0' is not a positive number of seconds"},
+        {{"serve", "--interval", "inf"}, "--interval: 'inf' is not a positive number of seconds"},
         {{"--simulate", scenario("no-such-machine")}, "cannot read scenario"},
         {{"--simulate", broken}, "line 3, column"},
         {{"--simulate", huge}, "number overflow"},

@@ -1,10 +1,28 @@
 #include "Options.h"
 
+#include <cmath>
 #include <cstdio>
 
 #include <CLI/CLI.hpp>
 
 namespace kestrel {
+namespace {
+
+// A number of seconds above 0, for --watch and --interval.
+const CLI::Validator positiveSeconds(
+    [](std::string& text) -> std::string {
+        try {
+            std::size_t used = 0;
+            const double seconds = std::stod(text, &used);
+            if (used == text.size() && seconds > 0 && std::isfinite(seconds))
+                return {};
+        } catch (const std::exception&) {
+        }
+        return "'" + text + "' is not a positive number of seconds";
+    },
+    "");
+
+} // namespace
 
 Parsed parseCommandLine(int argc, char** argv)
 {
@@ -35,16 +53,7 @@ Parsed parseCommandLine(int argc, char** argv)
                               ->type_name("FILE");
     auto* watchOption = app.add_option("--watch", watchSeconds, "Query and report again every SECONDS until interrupted (with --json, one document per line)")
                             ->type_name("SECONDS")
-                            ->check(CLI::Validator(
-                                [](std::string& text) -> std::string {
-                                    try {
-                                        if (std::stod(text) > 0)
-                                            return {};
-                                    } catch (const std::exception&) {
-                                    }
-                                    return "'" + text + "' is not a number of seconds above 0";
-                                },
-                                ""));
+                            ->check(positiveSeconds);
 
     ServeOptions serve;
     auto* serveCommand = app.add_subcommand("serve", "Serve the GPUs' readings to Prometheus at /metrics over HTTP, "
@@ -55,7 +64,7 @@ Parsed parseCommandLine(int argc, char** argv)
         ->capture_default_str();
     serveCommand->add_option("--interval", serve.intervalSeconds, "The shortest time between two refreshes")
         ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber.description(""))
+        ->check(positiveSeconds)
         ->capture_default_str();
 
     try {
