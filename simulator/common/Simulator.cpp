@@ -15,16 +15,34 @@
 namespace sim {
 namespace {
 
-// The module's lock (see Guard).
+// The module's lock (see Guard), which the thread that holds it may take again.
 struct ModuleLock {
     std::mutex mutex;
     std::atomic<std::thread::id> owner{std::thread::id()};
     unsigned depth = 0; // how often the owner holds it
+
+    bool held() const { return owner.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
+
+    // Waits for the lock and holds it 'times' over.
+    void take(unsigned times)
+    {
+        mutex.lock();
+        owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+        depth = times;
+    }
+
+    // Lets go of it however often it is held; returns how often that was.
+    unsigned letGo()
+    {
+        const unsigned times = depth;
+        depth = 0;
+        owner.store(std::thread::id(), std::memory_order_relaxed);
+        mutex.unlock();
+        return times;
+    }
 };
 
 ModuleLock moduleLock;
-
-bool held() { return moduleLock.owner.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
 // Read and written under the module's lock.
 struct ModuleState {
@@ -43,7 +61,7 @@ ModuleState& module()
 // calls; the journal says so, and the tests fail on it.
 void checkGuarded(const char* what)
 {
-    if (!held())
+    if (!moduleLock.held())
         record(std::string("simulator error: ") + what + " ran without " + moduleName() + "'s lock");
 }
 
@@ -126,39 +144,26 @@ struct Lifetime {
 
 Guard::Guard()
 {
-    if (held()) {
+    if (moduleLock.held())
         ++moduleLock.depth;
-        return;
-    }
-    moduleLock.mutex.lock();
-    moduleLock.owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
-    moduleLock.depth = 1;
+    else
+        moduleLock.take(1);
 }
 
 Guard::~Guard()
 {
-    if (--moduleLock.depth > 0)
-        return;
-    moduleLock.owner.store(std::thread::id(), std::memory_order_relaxed);
-    moduleLock.mutex.unlock();
+    if (moduleLock.depth > 1)
+        --moduleLock.depth;
+    else
+        moduleLock.letGo();
 }
 
-Unguarded::Unguarded() : depth_(held() ? moduleLock.depth : 0)
-{
-    if (depth_ == 0)
-        return;
-    moduleLock.depth = 0;
-    moduleLock.owner.store(std::thread::id(), std::memory_order_relaxed);
-    moduleLock.mutex.unlock();
-}
+Unguarded::Unguarded() : depth_(moduleLock.held() ? moduleLock.letGo() : 0) {}
 
 Unguarded::~Unguarded()
 {
-    if (depth_ == 0)
-        return;
-    moduleLock.mutex.lock();
-    moduleLock.owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
-    moduleLock.depth = depth_;
+    if (depth_ > 0)
+        moduleLock.take(depth_);
 }
 
 const nlohmann::json& scenario() { return module().scenario; }
