@@ -233,8 +233,9 @@ int adapterInfo(const Caller& caller, LPAdapterInfo info, int size)
 // Hands a list to the caller in a block from its memory callback, which the
 // caller frees: no block for an empty list, or under a "null" fault. 'count',
 // when the call reports one, gets the list's length, or a "count" fault's.
+// The list is the call's own copy: the callback runs without the module's lock.
 template <class T>
-int handOut(const Caller& caller, const Call& call, const std::vector<T>& items, T** list, int* count = nullptr)
+int handOut(const Caller& caller, const Call& call, std::vector<T> items, T** list, int* count = nullptr)
 {
     if (count)
         *count = static_cast<int>(call.fault && call.fault->count ? *call.fault->count
@@ -245,7 +246,7 @@ int handOut(const Caller& caller, const Call& call, const std::vector<T>& items,
     constexpr std::size_t most = INT_MAX / sizeof(T);
     if (items.size() > most)
         return ADL_ERR;
-    void* memory = allocator(caller)(static_cast<int>(items.size() * sizeof(T)));
+    void* memory = sim::callBack(allocator(caller), static_cast<int>(items.size() * sizeof(T)));
     if (!memory)
         return ADL_ERR;
     std::memcpy(memory, items.data(), items.size() * sizeof(T));
@@ -270,7 +271,7 @@ int handOut(const Caller& caller, const Call& call, const std::vector<T>& items,
         if (call.unterminated())
             sim::adl::unterminate(infos.back());
     }
-    return handOut(caller, call, infos, list);
+    return handOut(caller, call, std::move(infos), list);
 }
 
 int asicFamily(const Caller& caller, int adapterIndex, int* types, int* valids)
@@ -414,7 +415,7 @@ int crossfireCaps(const Caller& caller, int adapterIndex, int* preferred, int* n
                                                                                    : ADLCrossfireComb{});
     *preferred = crossfire.preferred;
     *numComb = static_cast<int>(reported);
-    return handOut(caller, call, list, combinations);
+    return handOut(caller, call, std::move(list), combinations);
 }
 
 // Answers for the combination the caller passes, found by its links.
@@ -574,6 +575,7 @@ int refreshControl(const Caller& caller)
 #if !defined(SIM_OMIT_ADL_Main_Control_Create)
 SIM_EXPORT int ADL_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected)
 {
+    const sim::Guard guard;
     return createControl({"ADL_Main_Control_Create"}, callback, enumConnected, nullptr);
 }
 CHECK_SIGNATURE(ADL_Main_Control_Create);
@@ -581,6 +583,7 @@ CHECK_SIGNATURE(ADL_Main_Control_Create);
 
 SIM_EXPORT int ADL_Main_Control_Destroy()
 {
+    const sim::Guard guard;
     const Call call = begin({"ADL_Main_Control_Destroy"});
     if (call.early)
         return *call.early;
@@ -593,6 +596,7 @@ CHECK_SIGNATURE(ADL_Main_Control_Destroy);
 #if !defined(SIM_OMIT_ADL_Adapter_NumberOfAdapters_Get)
 SIM_EXPORT int ADL_Adapter_NumberOfAdapters_Get(int* count)
 {
+    const sim::Guard guard;
     return numberOfAdapters({"ADL_Adapter_NumberOfAdapters_Get"}, count);
 }
 CHECK_SIGNATURE(ADL_Adapter_NumberOfAdapters_Get);
@@ -601,6 +605,7 @@ CHECK_SIGNATURE(ADL_Adapter_NumberOfAdapters_Get);
 #if !defined(SIM_OMIT_ADL_Adapter_AdapterInfo_Get)
 SIM_EXPORT int ADL_Adapter_AdapterInfo_Get(LPAdapterInfo info, int size)
 {
+    const sim::Guard guard;
     return adapterInfo({"ADL_Adapter_AdapterInfo_Get"}, info, size);
 }
 CHECK_SIGNATURE(ADL_Adapter_AdapterInfo_Get);
@@ -609,6 +614,7 @@ CHECK_SIGNATURE(ADL_Adapter_AdapterInfo_Get);
 #if !defined(SIM_OMIT_ADL_Adapter_VideoBiosInfo_Get)
 SIM_EXPORT int ADL_Adapter_VideoBiosInfo_Get(int adapterIndex, ADLBiosInfo* bios)
 {
+    const sim::Guard guard;
     return answer({"ADL_Adapter_VideoBiosInfo_Get"}, adapterIndex, bios, &Gpu::bios);
 }
 CHECK_SIGNATURE(ADL_Adapter_VideoBiosInfo_Get);
@@ -617,6 +623,7 @@ CHECK_SIGNATURE(ADL_Adapter_VideoBiosInfo_Get);
 #if !defined(SIM_OMIT_ADL_Adapter_MemoryInfo_Get)
 SIM_EXPORT int ADL_Adapter_MemoryInfo_Get(int adapterIndex, ADLMemoryInfo* memory)
 {
+    const sim::Guard guard;
     return answer({"ADL_Adapter_MemoryInfo_Get"}, adapterIndex, memory, &Gpu::memory);
 }
 CHECK_SIGNATURE(ADL_Adapter_MemoryInfo_Get);
@@ -626,11 +633,16 @@ CHECK_SIGNATURE(ADL_Adapter_MemoryInfo_Get);
 // interface, ADL2_<name>(context, parameters) on a context, with one answer.
 #define SIM_UNPAREN(...) __VA_ARGS__
 #define SIM_ADL_FORM(name, answer, parameters, arguments)                                                     \
-    SIM_EXPORT int ADL_##name parameters { return answer({"ADL_" #name}, SIM_UNPAREN arguments); }           \
+    SIM_EXPORT int ADL_##name parameters                                                                      \
+    {                                                                                                         \
+        const sim::Guard guard;                                                                               \
+        return answer({"ADL_" #name}, SIM_UNPAREN arguments);                                                 \
+    }                                                                                                         \
     CHECK_SIGNATURE(ADL_##name);
 #define SIM_ADL2_FORM(name, answer, parameters, arguments)                                                    \
     SIM_EXPORT int ADL2_##name(ADL_CONTEXT_HANDLE context, SIM_UNPAREN parameters)                            \
     {                                                                                                         \
+        const sim::Guard guard;                                                                               \
         return answer({"ADL2_" #name, true, context}, SIM_UNPAREN arguments);                                 \
     }                                                                                                         \
     CHECK_SIGNATURE(ADL2_##name);
@@ -642,6 +654,7 @@ CHECK_SIGNATURE(ADL_Adapter_MemoryInfo_Get);
 SIM_EXPORT int ADL_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
                                          ADLThreadingModel threading)
 {
+    const sim::Guard guard;
     return createControl({"ADL_Main_ControlX2_Create"}, callback, enumConnected, nullptr, threading);
 }
 CHECK_SIGNATURE(ADL_Main_ControlX2_Create);
@@ -651,17 +664,23 @@ CHECK_SIGNATURE(ADL_Main_ControlX2_Create);
 SIM_EXPORT int ADL2_Main_ControlX2_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
                                           ADL_CONTEXT_HANDLE* context, ADLThreadingModel threading)
 {
+    const sim::Guard guard;
     return createControl({"ADL2_Main_ControlX2_Create", true}, callback, enumConnected, context, threading);
 }
 CHECK_SIGNATURE(ADL2_Main_ControlX2_Create);
 #endif
 
-SIM_EXPORT int ADL_Main_Control_Refresh() { return refreshControl({"ADL_Main_Control_Refresh"}); }
+SIM_EXPORT int ADL_Main_Control_Refresh()
+{
+    const sim::Guard guard;
+    return refreshControl({"ADL_Main_Control_Refresh"});
+}
 CHECK_SIGNATURE(ADL_Main_Control_Refresh);
 
 #if !defined(SIM_OMIT_ADL2_Main_Control_Refresh)
 SIM_EXPORT int ADL2_Main_Control_Refresh(ADL_CONTEXT_HANDLE context)
 {
+    const sim::Guard guard;
     return refreshControl({"ADL2_Main_Control_Refresh", true, context});
 }
 CHECK_SIGNATURE(ADL2_Main_Control_Refresh);
@@ -768,6 +787,7 @@ SIM_ADL2_FORM(Overdrive8_Current_SettingX2_Get, od8CurrentSettingX2,
 SIM_EXPORT int ADL2_Main_Control_Create(ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
                                         ADL_CONTEXT_HANDLE* context)
 {
+    const sim::Guard guard;
     return createControl({"ADL2_Main_Control_Create", true}, callback, enumConnected, context);
 }
 CHECK_SIGNATURE(ADL2_Main_Control_Create);
@@ -775,6 +795,7 @@ CHECK_SIGNATURE(ADL2_Main_Control_Create);
 
 SIM_EXPORT int ADL2_Main_Control_Destroy(ADL_CONTEXT_HANDLE context)
 {
+    const sim::Guard guard;
     const Call call = begin({"ADL2_Main_Control_Destroy", true, context});
     if (call.early)
         return *call.early;
@@ -790,6 +811,7 @@ CHECK_SIGNATURE(ADL2_Main_Control_Destroy);
 #if !defined(SIM_OMIT_ADL2_Adapter_NumberOfAdapters_Get)
 SIM_EXPORT int ADL2_Adapter_NumberOfAdapters_Get(ADL_CONTEXT_HANDLE context, int* count)
 {
+    const sim::Guard guard;
     return numberOfAdapters({"ADL2_Adapter_NumberOfAdapters_Get", true, context}, count);
 }
 CHECK_SIGNATURE(ADL2_Adapter_NumberOfAdapters_Get);
@@ -798,6 +820,7 @@ CHECK_SIGNATURE(ADL2_Adapter_NumberOfAdapters_Get);
 #if !defined(SIM_OMIT_ADL2_Adapter_AdapterInfo_Get)
 SIM_EXPORT int ADL2_Adapter_AdapterInfo_Get(ADL_CONTEXT_HANDLE context, LPAdapterInfo info, int size)
 {
+    const sim::Guard guard;
     return adapterInfo({"ADL2_Adapter_AdapterInfo_Get", true, context}, info, size);
 }
 CHECK_SIGNATURE(ADL2_Adapter_AdapterInfo_Get);

@@ -1,5 +1,6 @@
 #include "common/Simulator.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,8 +15,37 @@
 namespace sim {
 namespace {
 
-struct ModuleState {
+// The module's lock (see Guard), which the thread that holds it may take again.
+struct ModuleLock {
     std::mutex mutex;
+    std::atomic<std::thread::id> owner{std::thread::id()};
+    unsigned depth = 0; // how often the owner holds it
+
+    bool held() const { return owner.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
+
+    // Waits for the lock and holds it 'times' over.
+    void take(unsigned times)
+    {
+        mutex.lock();
+        owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+        depth = times;
+    }
+
+    // Lets go of it however often it is held; returns how often that was.
+    unsigned letGo()
+    {
+        const unsigned times = depth;
+        depth = 0;
+        owner.store(std::thread::id(), std::memory_order_relaxed);
+        mutex.unlock();
+        return times;
+    }
+};
+
+ModuleLock moduleLock;
+
+// Read and written under the module's lock.
+struct ModuleState {
     nlohmann::json scenario = nlohmann::json::object();
     std::map<std::string, std::int64_t> calls;
     unsigned long generation = 0; // of the scenario last read
@@ -25,6 +55,14 @@ ModuleState& module()
 {
     static ModuleState state;
     return state;
+}
+
+// An exported function that forgot its Guard would race with other threads'
+// calls; the journal says so, and the tests fail on it.
+void checkGuarded(const char* what)
+{
+    if (!moduleLock.held())
+        record(std::string("simulator error: ") + what + " ran without " + moduleName() + "'s lock");
 }
 
 // Records a scenario that cannot be used, on standard error too, and gives the
@@ -44,9 +82,10 @@ nlohmann::json parse(const std::string& text, const std::string& origin)
     return nlohmann::json::parse(text);
 }
 
-nlohmann::json loadScenario()
+// The scenario in force, and in 'generation' the setting it came from.
+nlohmann::json loadScenario(unsigned long& generation)
 {
-    if (const char* text = kestrelSimScenario())
+    if (const char* text = kestrelSimScenario(&generation))
         return parse(text, "scenario text");
     const char* path = std::getenv("KESTREL_SIM_SCENARIO");
     if (!path || !*path)
@@ -103,17 +142,38 @@ struct Lifetime {
 
 } // namespace
 
+Guard::Guard()
+{
+    if (moduleLock.held())
+        ++moduleLock.depth;
+    else
+        moduleLock.take(1);
+}
+
+Guard::~Guard()
+{
+    if (moduleLock.depth > 1)
+        --moduleLock.depth;
+    else
+        moduleLock.letGo();
+}
+
+Unguarded::Unguarded() : depth_(moduleLock.held() ? moduleLock.letGo() : 0) {}
+
+Unguarded::~Unguarded()
+{
+    if (depth_ > 0)
+        moduleLock.take(depth_);
+}
+
 const nlohmann::json& scenario() { return module().scenario; }
 
 void reload()
 {
+    checkGuarded("a scenario reload");
     ModuleState& state = module();
-    const unsigned long generation = kestrelSimScenarioGeneration();
-    nlohmann::json fresh = loadScenario();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    state.scenario = std::move(fresh);
+    state.scenario = loadScenario(state.generation);
     state.calls.clear();
-    state.generation = generation;
 }
 
 void initLatency(const char* section)
@@ -127,23 +187,17 @@ void initLatency(const char* section)
         std::this_thread::sleep_for(std::chrono::milliseconds(latency->get<std::int64_t>()));
 }
 
-bool scenarioChanged()
-{
-    ModuleState& state = module();
-    const unsigned long generation = kestrelSimScenarioGeneration();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    return state.generation != generation;
-}
+bool scenarioChanged() { return module().generation != kestrelSimScenarioGeneration(); }
 
 std::optional<Fault> enter(const char* entry, std::int64_t device)
 {
     record(entry);
+    checkGuarded(entry);
     // Faults are checked against the modules' schemas; an entry missing there
     // could never be given one.
     if (!kestrelSimKnowsEntry(entry))
         record(std::string("simulator error: ") + entry + " is missing from " + moduleName() + "'s scenario schema");
     ModuleState& state = module();
-    std::unique_lock<std::mutex> lock(state.mutex);
     const std::int64_t call = state.calls[entry]++;
     const auto faults = state.scenario.find("faults");
     if (faults == state.scenario.end() || !faults->is_object())
@@ -156,7 +210,6 @@ std::optional<Fault> enter(const char* entry, std::int64_t device)
     for (const auto& candidate : candidates)
         if (candidate.is_object() && matches(candidate, "call", call) && matches(candidate, "device", device)) {
             Fault fault = toFault(candidate);
-            lock.unlock();
             misbehave(fault.spec);
             return fault;
         }
@@ -175,18 +228,24 @@ std::string text(const nlohmann::json& object, const char* key, const std::strin
 
 // Lets a program holding a module check a scenario before using it: null when
 // the modules understand it, else the reason.
-SIM_EXPORT const char* kestrelSimulatorCheckScenario(const char* json) { return kestrelSimCheckScenario(json); }
+SIM_EXPORT const char* kestrelSimulatorCheckScenario(const char* json)
+{
+    const sim::Guard guard;
+    return kestrelSimCheckScenario(json);
+}
 
 // Lets a program holding a module write the scenario's sysfs tree (see
 // kestrelSimWriteSysfs), for the Linux sysfs source to read.
 SIM_EXPORT int kestrelSimulatorWriteSysfs(const char* scenario, const char* folder)
 {
+    const sim::Guard guard;
     return kestrelSimWriteSysfs(scenario, folder);
 }
 
 // Lets a host or a test choose the scenario through any simulated module it holds.
 SIM_EXPORT void kestrelSimulatorSetScenario(const char* json)
 {
+    const sim::Guard guard;
     kestrelSimSetScenario(json);
     sim::reload();
 }

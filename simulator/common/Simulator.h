@@ -16,11 +16,51 @@
 
 namespace sim {
 
+// A module answers one call at a time, as a driver with an internal lock does:
+// a Guard taken at the top of every exported function (each vendor entry and
+// the simulator's own controls) holds the module's lock until the function
+// returns, so no call sees the module's state, the scenario it read or what it
+// handed out change under it. A thread that holds the lock may take it again,
+// so an entry can call another of its module. A fault that delays or hangs a
+// call keeps the lock meanwhile: a hung driver blocks its other callers too.
+class Guard {
+public:
+    Guard();
+    ~Guard();
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+};
+
+// Lets go of the calling thread's hold on the module's lock while it lives, and
+// takes it back as it was.
+class Unguarded {
+public:
+    Unguarded();
+    ~Unguarded();
+    Unguarded(const Unguarded&) = delete;
+    Unguarded& operator=(const Unguarded&) = delete;
+
+private:
+    unsigned depth_;
+};
+
+// Calls back into the module's caller (GLFW's error callback, ADL's memory
+// callback) without the module's lock: a callback may take the caller's own
+// locks, or call the module again, without waiting on a call of another thread
+// that is waiting for those locks. What the call needs afterwards it must hold
+// in its own copy, since other calls may change the module meanwhile.
+template <class Callback, class... Arguments>
+auto callBack(Callback callback, Arguments... arguments)
+{
+    const Unguarded unguarded;
+    return callback(arguments...);
+}
+
 // The module's short name ("glfw", "nvml"), for the journal.
 const char* moduleName();
 
 // The machine the module pretends to see. Empty (no GPUs, no monitors) until
-// reload() finds a scenario.
+// reload() finds a scenario. Valid while the call's Guard lives.
 const nlohmann::json& scenario();
 
 // Reads the scenario again: the text set through kestrelSimSetScenario, else the

@@ -199,6 +199,7 @@ CUresult lookUpErrorText(const char* entry, CUresult error, const char** text, c
 
 SIM_EXPORT CUresult cuInit(unsigned int flags)
 {
+    const sim::Guard guard;
     readScenario();
     sim::initLatency("cudaDriver");
     const auto fault = sim::enter("cuInit");
@@ -216,6 +217,7 @@ CHECK_SIGNATURE(cuInit);
 // Needs no cuInit, as with the driver.
 SIM_EXPORT CUresult cuDriverGetVersion(int* driverVersion)
 {
+    const sim::Guard guard;
     const auto fault = enter("cuDriverGetVersion");
     if (const auto code = injected(fault))
         return *code;
@@ -228,6 +230,7 @@ CHECK_SIGNATURE(cuDriverGetVersion);
 
 SIM_EXPORT CUresult cuDeviceGetCount(int* count)
 {
+    const sim::Guard guard;
     const auto fault = enter("cuDeviceGetCount");
     if (const auto code = injected(fault))
         return *code;
@@ -245,6 +248,7 @@ CHECK_SIGNATURE(cuDeviceGetCount);
 
 SIM_EXPORT CUresult cuDeviceGet(CUdevice* device, int ordinal)
 {
+    const sim::Guard guard;
     const auto fault = enter("cuDeviceGet", ordinal);
     if (const auto code = injected(fault))
         return *code;
@@ -259,6 +263,7 @@ CHECK_SIGNATURE(cuDeviceGet);
 
 SIM_EXPORT CUresult cuDeviceGetName(char* name, int length, CUdevice handle)
 {
+    const sim::Guard guard;
     const auto fault = enter("cuDeviceGetName", handle);
     if (const auto code = injected(fault))
         return *code;
@@ -290,6 +295,7 @@ CHECK_SIGNATURE(cuDeviceGetName);
 #if !defined(SIM_OMIT_cuDeviceGetAttribute)
 SIM_EXPORT CUresult cuDeviceGetAttribute(int* value, CUdevice_attribute attribute, CUdevice handle)
 {
+    const sim::Guard guard;
     const auto fault = enter("cuDeviceGetAttribute", handle);
     // A fault that names an attribute hits only that one.
     const nlohmann::json& only = fault ? member(fault->spec, "attribute") : nlohmann::json();
@@ -338,12 +344,14 @@ CHECK_SIGNATURE(cuDeviceGetAttribute);
 
 SIM_EXPORT CUresult cuGetErrorName(CUresult error, const char** text)
 {
+    const sim::Guard guard;
     return lookUpErrorText("cuGetErrorName", error, text, &ErrorText::name);
 }
 CHECK_SIGNATURE(cuGetErrorName);
 
 SIM_EXPORT CUresult cuGetErrorString(CUresult error, const char** text)
 {
+    const sim::Guard guard;
     return lookUpErrorText("cuGetErrorString", error, text, &ErrorText::description);
 }
 CHECK_SIGNATURE(cuGetErrorString);

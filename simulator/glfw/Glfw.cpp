@@ -49,15 +49,16 @@ Glfw& glfw()
 
 void reportError(int code, const char* description)
 {
-    if (glfw().errorCallback)
-        glfw().errorCallback(code, description);
+    if (const GLFWerrorfun callback = glfw().errorCallback)
+        sim::callBack(callback, code, description);
 }
 
 bool requireInitialized()
 {
-    if (!glfw().initialized)
+    const bool initialized = glfw().initialized;
+    if (!initialized)
         reportError(GLFW_NOT_INITIALIZED, "The GLFW library is not initialized");
-    return glfw().initialized;
+    return initialized;
 }
 
 } // namespace
@@ -68,6 +69,7 @@ bool requireInitialized()
 
 SIM_EXPORT int glfwInit()
 {
+    const sim::Guard guard;
     sim::reload();
     if (const auto fault = sim::enter("glfwInit"); fault && fault->returnCode) {
         reportError(GLFW_API_UNAVAILABLE, "Simulated: GLFW refused to initialize");
@@ -92,6 +94,7 @@ CHECK_SIGNATURE(glfwInit);
 
 SIM_EXPORT void glfwTerminate()
 {
+    const sim::Guard guard;
     sim::enter("glfwTerminate");
     Glfw& state = glfw();
     if (!state.windows.empty())
@@ -105,11 +108,16 @@ SIM_EXPORT void glfwTerminate()
 }
 CHECK_SIGNATURE(glfwTerminate);
 
-SIM_EXPORT void glfwMakeContextCurrent(GLFWwindow*) { sim::enter("glfwMakeContextCurrent"); }
+SIM_EXPORT void glfwMakeContextCurrent(GLFWwindow*)
+{
+    const sim::Guard guard;
+    sim::enter("glfwMakeContextCurrent");
+}
 CHECK_SIGNATURE(glfwMakeContextCurrent);
 
 SIM_EXPORT void glfwWindowHint(int hint, int value)
 {
+    const sim::Guard guard;
     sim::enter("glfwWindowHint");
     sim::record("glfwWindowHint " + std::to_string(hint) + " " + std::to_string(value));
     if (!requireInitialized())
@@ -123,6 +131,7 @@ CHECK_SIGNATURE(glfwWindowHint);
 
 SIM_EXPORT GLFWmonitor** glfwGetMonitors(int* count)
 {
+    const sim::Guard guard;
     const auto fault = sim::enter("glfwGetMonitors");
     *count = 0;
     if (!requireInitialized() || (fault && fault->null))
@@ -137,6 +146,7 @@ CHECK_SIGNATURE(glfwGetMonitors);
 
 SIM_EXPORT const char* glfwGetMonitorName(GLFWmonitor* monitor)
 {
+    const sim::Guard guard;
     const auto fault = sim::enter("glfwGetMonitorName");
     if (!requireInitialized() || !monitor || (fault && fault->null))
         return nullptr;
@@ -146,6 +156,7 @@ CHECK_SIGNATURE(glfwGetMonitorName);
 
 SIM_EXPORT GLFWerrorfun glfwSetErrorCallback(GLFWerrorfun callback)
 {
+    const sim::Guard guard;
     sim::enter("glfwSetErrorCallback");
     GLFWerrorfun previous = glfw().errorCallback;
     glfw().errorCallback = callback;
@@ -155,6 +166,7 @@ CHECK_SIGNATURE(glfwSetErrorCallback);
 
 SIM_EXPORT GLFWwindow* glfwCreateWindow(int width, int height, const char*, GLFWmonitor*, GLFWwindow*)
 {
+    const sim::Guard guard;
     const auto fault = sim::enter("glfwCreateWindow");
     sim::record("glfwCreateWindow " + std::to_string(width) + "x" + std::to_string(height));
     if (!requireInitialized())
@@ -178,6 +190,7 @@ CHECK_SIGNATURE(glfwCreateWindow);
 
 SIM_EXPORT void glfwDestroyWindow(GLFWwindow* window)
 {
+    const sim::Guard guard;
     sim::enter("glfwDestroyWindow");
     auto& windows = glfw().windows;
     for (auto it = windows.begin(); it != windows.end(); ++it)
@@ -191,6 +204,7 @@ CHECK_SIGNATURE(glfwDestroyWindow);
 #if !defined(SIM_OMIT_glfwGetMonitorPos)
 SIM_EXPORT void glfwGetMonitorPos(GLFWmonitor* monitor, int* xpos, int* ypos)
 {
+    const sim::Guard guard;
     sim::enter("glfwGetMonitorPos");
     *xpos = monitor ? monitor->x : 0;
     *ypos = monitor ? monitor->y : 0;
@@ -200,6 +214,7 @@ CHECK_SIGNATURE(glfwGetMonitorPos);
 
 SIM_EXPORT void glfwSetWindowPos(GLFWwindow* window, int xpos, int ypos)
 {
+    const sim::Guard guard;
     sim::enter("glfwSetWindowPos");
     if (!window)
         return;
@@ -210,6 +225,7 @@ CHECK_SIGNATURE(glfwSetWindowPos);
 
 SIM_EXPORT GLFWmonitor* glfwGetWindowMonitor(GLFWwindow*)
 {
+    const sim::Guard guard;
     sim::enter("glfwGetWindowMonitor");
     return nullptr; // probe windows are never full screen
 }
@@ -218,6 +234,7 @@ CHECK_SIGNATURE(glfwGetWindowMonitor);
 // Read-back for monitor-side sources, as real GLFW offers them.
 SIM_EXPORT void glfwGetWindowPos(GLFWwindow* window, int* xpos, int* ypos)
 {
+    const sim::Guard guard;
     *xpos = window ? window->x : 0;
     *ypos = window ? window->y : 0;
 }
@@ -225,6 +242,7 @@ CHECK_SIGNATURE(glfwGetWindowPos);
 
 SIM_EXPORT int glfwGetWindowAttrib(GLFWwindow* window, int attribute)
 {
+    const sim::Guard guard;
     if (!window)
         return 0;
     if (attribute == GLFW_VISIBLE)

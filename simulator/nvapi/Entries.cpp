@@ -165,6 +165,7 @@ std::string statusName(NvAPI_Status status)
 
 NvAPI_Status NvAPI_Initialize()
 {
+    const sim::Guard guard;
     Driver& state = driver();
     // The scenario is read when the driver starts, so its faults already apply here.
     follow(true);
@@ -177,6 +178,7 @@ NvAPI_Status NvAPI_Initialize()
 
 NvAPI_Status NvAPI_Unload()
 {
+    const sim::Guard guard;
     const NvAPI_Status status = precheck(sim::enter("NvAPI_Unload"), true);
     if (status == NVAPI_OK)
         --driver().initializations;
@@ -186,6 +188,7 @@ NvAPI_Status NvAPI_Unload()
 // Answers whether or not the driver is initialised.
 NvAPI_Status NvAPI_GetErrorMessage(NvAPI_Status status, char* description)
 {
+    const sim::Guard guard;
     const auto fault = sim::enter("NvAPI_GetErrorMessage");
     const NvAPI_Status checked = precheck(fault, description != nullptr, false);
     if (checked == NVAPI_OK)
@@ -195,6 +198,7 @@ NvAPI_Status NvAPI_GetErrorMessage(NvAPI_Status status, char* description)
 
 NvAPI_Status NvAPI_EnumPhysicalGPUs(NvPhysicalGpuHandle* handles, NvU32* count)
 {
+    const sim::Guard guard;
     const auto fault = sim::enter("NvAPI_EnumPhysicalGPUs");
     const NvAPI_Status status = precheck(fault, handles && count);
     if (status != NVAPI_OK)
@@ -208,21 +212,25 @@ NvAPI_Status NvAPI_EnumPhysicalGPUs(NvPhysicalGpuHandle* handles, NvU32* count)
 
 NvAPI_Status NvAPI_GPU_GetBusId(NvPhysicalGpuHandle gpu, NvU32* busId)
 {
+    const sim::Guard guard;
     return answer("NvAPI_GPU_GetBusId", gpu, busId, &Gpu::busId);
 }
 
 NvAPI_Status NvAPI_GPU_GetBusSlotId(NvPhysicalGpuHandle gpu, NvU32* slotId)
 {
+    const sim::Guard guard;
     return answer("NvAPI_GPU_GetBusSlotId", gpu, slotId, &Gpu::slotId);
 }
 
 NvAPI_Status NvAPI_GPU_GetFullName(NvPhysicalGpuHandle gpu, char* name)
 {
+    const sim::Guard guard;
     return answerText("NvAPI_GPU_GetFullName", gpu, name, &Gpu::name);
 }
 
 NvAPI_Status NvAPI_SYS_GetDriverAndBranchVersion(NvU32* driverVersion, char* branch)
 {
+    const sim::Guard guard;
     const auto fault = sim::enter("NvAPI_SYS_GetDriverAndBranchVersion");
     const NvAPI_Status status = precheck(fault, driverVersion && branch);
     if (status == NVAPI_OK) {
@@ -234,11 +242,13 @@ NvAPI_Status NvAPI_SYS_GetDriverAndBranchVersion(NvU32* driverVersion, char* bra
 
 NvAPI_Status NvAPI_GPU_GetVbiosVersionString(NvPhysicalGpuHandle gpu, char* revision)
 {
+    const sim::Guard guard;
     return answerText("NvAPI_GPU_GetVbiosVersionString", gpu, revision, &Gpu::vbios);
 }
 
 NvAPI_Status NvAPI_GPU_GetMemoryInfo(NvPhysicalGpuHandle gpu, NV_DISPLAY_DRIVER_MEMORY_INFO* info)
 {
+    const sim::Guard guard;
     const GpuCall call = enterGpu("NvAPI_GPU_GetMemoryInfo", gpu, info != nullptr);
     if (!call.gpu)
         return call.status;
@@ -255,6 +265,7 @@ NvAPI_Status NvAPI_GPU_GetMemoryInfo(NvPhysicalGpuHandle gpu, NV_DISPLAY_DRIVER_
 
 NvAPI_Status NvAPI_GPU_GetAllClockFrequencies(NvPhysicalGpuHandle gpu, NV_GPU_CLOCK_FREQUENCIES* frequencies)
 {
+    const sim::Guard guard;
     const GpuCall call = enterGpu("NvAPI_GPU_GetAllClockFrequencies", gpu, frequencies != nullptr);
     if (!call.gpu)
         return call.status;
@@ -277,17 +288,20 @@ NvAPI_Status NvAPI_GPU_GetAllClockFrequencies(NvPhysicalGpuHandle gpu, NV_GPU_CL
 
 NvAPI_Status NvAPI_GPU_GetBusType(NvPhysicalGpuHandle gpu, NV_GPU_BUS_TYPE* busType)
 {
+    const sim::Guard guard;
     return answer("NvAPI_GPU_GetBusType", gpu, busType, &Gpu::busType);
 }
 
 NvAPI_Status NvAPI_GPU_GetGpuCoreCount(NvPhysicalGpuHandle gpu, NvU32* count)
 {
+    const sim::Guard guard;
     return answer("NvAPI_GPU_GetGpuCoreCount", gpu, count, &Gpu::coreCount);
 }
 
 // The "null" fault hands out a null logical GPU with success.
 NvAPI_Status NvAPI_GetLogicalGPUFromPhysicalGPU(NvPhysicalGpuHandle gpu, NvLogicalGpuHandle* logical)
 {
+    const sim::Guard guard;
     const GpuCall call = enterGpu("NvAPI_GetLogicalGPUFromPhysicalGPU", gpu, logical != nullptr);
     if (call.gpu)
         *logical = call.fault && call.fault->null ? nullptr : &logicalHandles[call.gpu->logical];
@@ -298,6 +312,7 @@ NvAPI_Status NvAPI_GetLogicalGPUFromPhysicalGPU(NvPhysicalGpuHandle gpu, NvLogic
 NvAPI_Status NvAPI_GetPhysicalGPUsFromLogicalGPU(NvLogicalGpuHandle logical, NvPhysicalGpuHandle* handles,
                                                  NvU32* count)
 {
+    const sim::Guard guard;
     const long index = indexOf(logical, logicalHandles, machine().logicalGpus.size());
     const auto fault = sim::enter("NvAPI_GetPhysicalGPUsFromLogicalGPU", index);
     const NvAPI_Status status = precheck(fault, logical && handles && count);
@@ -314,6 +329,7 @@ NvAPI_Status NvAPI_GetPhysicalGPUsFromLogicalGPU(NvLogicalGpuHandle logical, NvP
 
 NvAPI_Status NvAPI_GPU_GetECCStatusInfo(NvPhysicalGpuHandle gpu, NV_GPU_ECC_STATUS_INFO* info)
 {
+    const sim::Guard guard;
     const GpuCall call = enterGpu("NvAPI_GPU_GetECCStatusInfo", gpu, info != nullptr);
     if (!call.gpu)
         return call.status;
@@ -330,6 +346,7 @@ NvAPI_Status NvAPI_GPU_GetECCStatusInfo(NvPhysicalGpuHandle gpu, NV_GPU_ECC_STAT
 NvAPI_Status NvAPI_GPU_GetThermalSettings(NvPhysicalGpuHandle gpu, NvU32 sensorIndex,
                                           NV_GPU_THERMAL_SETTINGS* settings)
 {
+    const sim::Guard guard;
     const GpuCall call = enterGpu("NvAPI_GPU_GetThermalSettings", gpu, settings != nullptr);
     if (!call.gpu)
         return call.status;
@@ -356,16 +373,19 @@ NvAPI_Status NvAPI_GPU_GetThermalSettings(NvPhysicalGpuHandle gpu, NvU32 sensorI
 
 NvAPI_Status NvAPI_GPU_GetTachReading(NvPhysicalGpuHandle gpu, NvU32* rpm)
 {
+    const sim::Guard guard;
     return answer("NvAPI_GPU_GetTachReading", gpu, rpm, &Gpu::tach);
 }
 
 NvAPI_Status NvAPI_GPU_GetSystemType(NvPhysicalGpuHandle gpu, NV_SYSTEM_TYPE* systemType)
 {
+    const sim::Guard guard;
     return answer("NvAPI_GPU_GetSystemType", gpu, systemType, &Gpu::systemType);
 }
 
 NvAPI_Status NvAPI_Stereo_IsEnabled(NvU8* enabled)
 {
+    const sim::Guard guard;
     const NvAPI_Status status = precheck(sim::enter("NvAPI_Stereo_IsEnabled"), enabled != nullptr);
     if (status == NVAPI_OK)
         *enabled = machine().stereo ? 1 : 0;

@@ -33,6 +33,7 @@ bool omitted(std::string_view name)
 // Not journaled: it is the loader's look-up, not an NVAPI call.
 SIM_EXPORT void* nvapi_QueryInterface(libKestrel::nvapi::NvU32 id)
 {
+    const sim::Guard guard;
     for (std::size_t i = 0; i < simnvapi::entryCount; ++i)
         if (simnvapi::entries[i].id == id)
             return omitted(simnvapi::entries[i].name) ? nullptr : simnvapi::entries[i].function;

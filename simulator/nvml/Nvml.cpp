@@ -166,6 +166,7 @@ nvmlReturn_t writeValue(const Call& call, const std::optional<T>& value, T* outp
 // Sessions nest: the first initialisation reads the machine, the last shutdown ends it.
 SIM_EXPORT nvmlReturn_t nvmlInit_v2()
 {
+    const sim::Guard guard;
     Nvml& state = nvml();
     // A nested initialisation sees a new scenario too, so that a program that
     // keeps NVML open follows the machine.
@@ -189,6 +190,7 @@ CHECK_SIGNATURE(nvmlInit_v2);
 #if !defined(SIM_OMIT_nvmlShutdown)
 SIM_EXPORT nvmlReturn_t nvmlShutdown()
 {
+    const sim::Guard guard;
     const Call call = begin("nvmlShutdown", -1, true);
     if (!call.proceeds())
         return call.status;
@@ -201,6 +203,7 @@ CHECK_SIGNATURE(nvmlShutdown);
 
 SIM_EXPORT nvmlReturn_t nvmlSystemGetDriverVersion(char* version, unsigned int length)
 {
+    const sim::Guard guard;
     return writeText(begin("nvmlSystemGetDriverVersion", -1, version != nullptr), nvml().machine.driverVersion,
                      version, length);
 }
@@ -210,6 +213,7 @@ CHECK_SIGNATURE(nvmlSystemGetDriverVersion);
 // The fault {"count": n} reports n devices, however many there are.
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetCount_v2(unsigned int* deviceCount)
 {
+    const sim::Guard guard;
     const Call call = begin("nvmlDeviceGetCount_v2", -1, deviceCount != nullptr);
     if (!call.proceeds())
         return call.status;
@@ -224,6 +228,7 @@ CHECK_SIGNATURE(nvmlDeviceGetCount_v2);
 // The fault {"null": true} succeeds without writing a handle.
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetHandleByIndex(unsigned int index, nvmlDevice_t* device)
 {
+    const sim::Guard guard;
     const auto& devices = nvml().machine.devices;
     const Call call = begin("nvmlDeviceGetHandleByIndex", index, device && index < devices.size());
     if (!call.proceeds() || call.faultSays("null"))
@@ -237,6 +242,7 @@ CHECK_SIGNATURE(nvmlDeviceGetHandleByIndex);
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetTemperature(nvmlDevice_t device, nvmlTemperatureSensors_t sensorType,
                                                  unsigned int* temp)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetTemperature", device, temp);
     if (call.proceeds() && sensorType != NVML_TEMPERATURE_GPU)
         return NVML_ERROR_INVALID_ARGUMENT;
@@ -250,6 +256,7 @@ SIM_EXPORT nvmlReturn_t nvmlDeviceGetTemperatureThreshold(nvmlDevice_t device,
                                                           nvmlTemperatureThresholds_t thresholdType,
                                                           unsigned int* temp)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetTemperatureThreshold", device, temp);
     if (call.proceeds() && (thresholdType < NVML_TEMPERATURE_THRESHOLD_SHUTDOWN ||
                             thresholdType > NVML_TEMPERATURE_THRESHOLD_GPS_CURR))
@@ -265,6 +272,7 @@ CHECK_SIGNATURE(nvmlDeviceGetTemperatureThreshold);
 
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetPciInfo_v2(nvmlDevice_t device, nvmlPciInfo_t* pci)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetPciInfo_v2", device, pci);
     return writeValue(call, call.device ? std::optional<nvmlPciInfo_t>(call.device->pci) : std::nullopt, pci);
 }
@@ -272,6 +280,7 @@ CHECK_SIGNATURE(nvmlDeviceGetPciInfo_v2);
 
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetMemoryInfo(nvmlDevice_t device, nvmlMemory_t* memory)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetMemoryInfo", device, memory);
     return writeValue(call, call.device ? call.device->memory : std::nullopt, memory);
 }
@@ -280,6 +289,7 @@ CHECK_SIGNATURE(nvmlDeviceGetMemoryInfo);
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetDetailedEccErrors(nvmlDevice_t device, nvmlMemoryErrorType_t errorType,
                                                        nvmlEccCounterType_t counterType, nvmlEccErrorCounts_t* eccCounts)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetDetailedEccErrors", device, eccCounts);
     if (call.proceeds() && (errorType < 0 || errorType >= NVML_MEMORY_ERROR_TYPE_COUNT || counterType < 0 ||
                             counterType >= NVML_ECC_COUNTER_TYPE_COUNT))
@@ -290,6 +300,7 @@ CHECK_SIGNATURE(nvmlDeviceGetDetailedEccErrors);
 
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetName(nvmlDevice_t device, char* name, unsigned int length)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetName", device, name);
     return writeText(call, call.device ? call.device->name : std::string(), name, length);
 }
@@ -297,6 +308,7 @@ CHECK_SIGNATURE(nvmlDeviceGetName);
 
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetUUID(nvmlDevice_t device, char* uuid, unsigned int length)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetUUID", device, uuid);
     return writeText(call, call.device ? call.device->uuid : std::string(), uuid, length);
 }
@@ -304,6 +316,7 @@ CHECK_SIGNATURE(nvmlDeviceGetUUID);
 
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetUtilizationRates(nvmlDevice_t device, nvmlUtilization_t* utilization)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetUtilizationRates", device, utilization);
     return writeValue(call, call.device ? call.device->utilization : std::nullopt, utilization);
 }
@@ -311,6 +324,7 @@ CHECK_SIGNATURE(nvmlDeviceGetUtilizationRates);
 
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetVbiosVersion(nvmlDevice_t device, char* version, unsigned int length)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetVbiosVersion", device, version);
     return writeText(call, call.device ? call.device->vbios : std::string(), version, length);
 }
@@ -319,6 +333,7 @@ CHECK_SIGNATURE(nvmlDeviceGetVbiosVersion);
 #if !defined(SIM_OMIT_nvmlDeviceGetFanSpeed)
 SIM_EXPORT nvmlReturn_t nvmlDeviceGetFanSpeed(nvmlDevice_t device, unsigned int* speed)
 {
+    const sim::Guard guard;
     const DeviceCall call = beginDevice("nvmlDeviceGetFanSpeed", device, speed);
     return writeValue(call, call.device ? call.device->fanSpeed : std::nullopt, speed);
 }
@@ -328,6 +343,7 @@ CHECK_SIGNATURE(nvmlDeviceGetFanSpeed);
 // Answers outside a session too, as NVML does. The fault {"null": true} gives no text.
 SIM_EXPORT const char* nvmlErrorString(nvmlReturn_t result)
 {
+    const sim::Guard guard;
     if (const auto fault = sim::enter("nvmlErrorString"); fault && fault->null)
         return nullptr;
     return simnvml::errorString(result);

@@ -39,11 +39,16 @@ unsigned long kestrelSimScenarioGeneration()
     return s.generation;
 }
 
-const char* kestrelSimScenario()
+// A copy: another thread may set a scenario while a module parses this one.
+const char* kestrelSimScenario(unsigned long* generation)
 {
+    static thread_local std::optional<std::string> copy;
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    return s.scenario ? s.scenario->c_str() : nullptr;
+    copy = s.scenario;
+    if (generation)
+        *generation = s.generation;
+    return copy ? copy->c_str() : nullptr;
 }
 
 void kestrelSimRecord(const char* event)

@@ -21,8 +21,10 @@ SIM_STATE_API void kestrelSimSetScenario(const char* json);
 // How many times a scenario was set: a module that stays initialised compares it
 // to see a new machine.
 SIM_STATE_API unsigned long kestrelSimScenarioGeneration();
-// The scenario text set above, or null when none is set. Valid until the next set.
-SIM_STATE_API const char* kestrelSimScenario();
+// The scenario text set above, or null when none is set, and in 'generation'
+// (unless null) the count of settings it belongs to, read together. Valid until
+// the next call on this thread.
+SIM_STATE_API const char* kestrelSimScenario(unsigned long* generation);
 
 // Appends one event ("glfwInit", "load glfw", ...) to the journal.
 SIM_STATE_API void kestrelSimRecord(const char* event);
