@@ -144,6 +144,7 @@ struct Lifetime {
 
 Guard::Guard()
 {
+    kestrelSimCallDepth(1);
     if (moduleLock.held())
         ++moduleLock.depth;
     else
@@ -156,12 +157,17 @@ Guard::~Guard()
         --moduleLock.depth;
     else
         moduleLock.letGo();
+    kestrelSimCallDepth(-1);
 }
 
-Unguarded::Unguarded() : depth_(moduleLock.held() ? moduleLock.letGo() : 0) {}
+Unguarded::Unguarded() : depth_(moduleLock.held() ? moduleLock.letGo() : 0), calls_(kestrelSimCallDepth(0))
+{
+    kestrelSimCallDepth(-calls_);
+}
 
 Unguarded::~Unguarded()
 {
+    kestrelSimCallDepth(calls_);
     if (depth_ > 0)
         moduleLock.take(depth_);
 }

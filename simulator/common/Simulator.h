@@ -42,6 +42,7 @@ public:
 
 private:
     unsigned depth_;
+    int calls_; // the thread's depth in simulated calls, back in its own code meanwhile
 };
 
 // Calls back into the module's caller (GLFW's error callback, ADL's memory

@@ -51,6 +51,12 @@ const char* kestrelSimScenario(unsigned long* generation)
     return copy ? copy->c_str() : nullptr;
 }
 
+int kestrelSimCallDepth(int change)
+{
+    static thread_local int depth = 0;
+    return depth += change;
+}
+
 void kestrelSimRecord(const char* event)
 {
     State& s = state();

@@ -26,6 +26,12 @@ SIM_STATE_API unsigned long kestrelSimScenarioGeneration();
 // the next call on this thread.
 SIM_STATE_API const char* kestrelSimScenario(unsigned long* generation);
 
+// Adds 'change' to how deep the calling thread is in simulated vendor calls and
+// returns the new depth (0: it runs its own code, or a callback a module made
+// into it). A test that makes the heap fail fails only the host's allocations:
+// a driver, written in C, reports an exhausted heap through its return codes.
+SIM_STATE_API int kestrelSimCallDepth(int change);
+
 // Appends one event ("glfwInit", "load glfw", ...) to the journal.
 SIM_STATE_API void kestrelSimRecord(const char* event);
 

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/AllocationCounter.h"
 #include "common/Records.h"
 #include "common/Test.h"
 #include "libKestrel/AMDGPU.h"
@@ -126,6 +127,57 @@ TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
     }
 }
 
+// A host's own source that throws when told to, at the next call only.
+std::atomic<bool> hostThrows{false};
+std::vector<std::shared_ptr<libKestrel::IGPU>> hostThatThrows(std::bitset<4>&)
+{
+    if (hostThrows.exchange(false))
+        throw std::runtime_error("the host's source failed");
+    return {gpuAt(0x7e)};
+}
+
+// An update is all or nothing. A rescan or refresh that fails on its way (the
+// n-th allocation fails, for n spread over the whole call; a host's source that
+// throws) leaves the last snapshot as it was, and the session goes on from it.
+TEST_F(Session, AnUpdateThatFailsLeavesTheLastSnapshotAsItWas)
+{
+    const std::vector<GPUQuerier> handlesOnly = {libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs,
+                                                 libKestrel::queryNVidiaCudaGPUsMulti, libKestrel::queryAMDGPUsMulti};
+    const std::vector<GPUQuerier> withHost = {libKestrel::queryNVidiaNvmlGPUsMulti, hostThatThrows,
+                                              libKestrel::queryAMDGPUsMulti};
+    for (const bool rescan : {true, false}) {
+        for (const auto& row : {handlesOnly, withHost}) {
+            SCOPED_TRACE(std::string(rescan ? "rescan" : "refresh") + (row == withHost ? ", with a host's source" : ""));
+            // 0: the host's source throws; then the n-th allocation fails, until the call needs fewer.
+            for (int n = row == withHost ? 0 : 1;; n += n / 4 + 1) {
+                SimulatedMachine simulated(machine(40));
+                libKestrel::Session session(row);
+                const auto before = session.gpus();
+                kestrelSimSetScenario(machine(65, "", true).c_str());
+                hostThrows = n == 0;
+                kestrel::test::failNthAllocation(n);
+                bool failed = false;
+                try {
+                    rescan ? session.rescan() : session.refresh();
+                } catch (const std::exception&) {
+                    failed = true;
+                }
+                kestrel::test::stopCountingAllocations();
+                if (!failed)
+                    break;
+                SCOPED_TRACE("failed at allocation " + std::to_string(n));
+                EXPECT_EQ(session.gpus(), before);
+                session.refresh();
+                ASSERT_EQ(session.gpus().size(), before.size()) << "a refresh reads the GPUs it knows";
+                EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 65u);
+                session.rescan();
+                std::bitset<4> status;
+                EXPECT_EQ(describe(session.gpus()), describe(libKestrel::queryAllGPUs({}, row, status)));
+            }
+        }
+    }
+}
+
 // A driver without ADL2 is read through a first-interface control made for each refresh.
 TEST(SessionOnADriverWithoutAdl2, ReadsThroughAControlPerRefresh)
 {
@@ -153,7 +205,7 @@ TEST(SessionBesideAHostsAmdGpu, SharesTheFirstInterfaceWithoutEndingIt)
     session.refresh();
     EXPECT_EQ(session.gpus()[0]->temperatureCurrent(), 65u);
     std::bitset<4> status;
-    EXPECT_EQ(libKestrel::queryAllGPUs({}, {libKestrel::queryAMDGPUsMulti}, status).size(), 1u);
+    EXPECT_EQ(libKestrel::queryAMDGPUsMulti(status).size(), 2u) << "one record per adapter: no ADL2, no second pass";
     std::vector<float> temperatures;
     amd[0].currentTemperature(temperatures);
     EXPECT_EQ(temperatures, std::vector<float>(2, 65.0f)) << "the host's AMDGPU still reads";

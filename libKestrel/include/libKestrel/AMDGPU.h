@@ -17,6 +17,12 @@ namespace libKestrel {
 // adapters of one location. Its questions are answered live through ADL.
 //
 // A value type: copies share the PCI location and the ADL call tables.
+//
+// Threads: objects that came from one enumerate call, and copies of one
+// another, share their call tables (an ADL2 context): use them from one thread
+// at a time. Objects made separately may be used on different threads at once,
+// beside queries and sessions; calls through ADL's first interface (a driver
+// without ADL2) are serialised by the library.
 class LIBKESTREL_API AMDGPU {
 public:
     // Fills 'gpus' with the machine's AMD GPUs and returns how many there are;

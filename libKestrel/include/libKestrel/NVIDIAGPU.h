@@ -21,6 +21,9 @@ namespace libKestrel {
 // and the PCI-location constructor use, can take NVAPI down while other objects
 // live; their questions then answer as failures (false, 0, nothing), never
 // crash. NvAPIInitializer objects of your own add references that keep it up.
+//
+// Threads: an object is used by one thread at a time; different objects may be
+// used on different threads at once, beside queries and sessions.
 class LIBKESTREL_API NVIDIAGPU {
 public:
     // Initialises NVAPI when built and unloads it when destroyed; a copy
