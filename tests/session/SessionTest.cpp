@@ -147,7 +147,8 @@ TEST_F(Session, AnUpdateThatFailsLeavesTheLastSnapshotAsItWas)
                                               libKestrel::queryAMDGPUsMulti};
     for (const bool rescan : {true, false}) {
         for (const auto& row : {handlesOnly, withHost}) {
-            SCOPED_TRACE(std::string(rescan ? "rescan" : "refresh") + (row == withHost ? ", with a host's source" : ""));
+            SCOPED_TRACE(std::string(rescan ? "rescan" : "refresh") +
+                         (row == withHost ? ", with a host's source" : ""));
             // 0: the host's source throws; then the n-th allocation fails, until the call needs fewer.
             for (int n = row == withHost ? 0 : 1;; n += n / 4 + 1) {
                 SimulatedMachine simulated(machine(40));

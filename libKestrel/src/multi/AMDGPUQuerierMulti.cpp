@@ -313,10 +313,10 @@ LiveSource enumerateAdlLive(std::bitset<4>&)
         // first interface, with a share of its control for each refresh.
         live.around = [context](const std::function<void()>& reads) {
             const adlwrapper::ADLFunctions& f = context->calls().functions;
-            return withFirstInterface(
-                f,
-                [&f] { return f.ADL_Main_Control_Create && f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) == adl::ADL_OK; },
-                reads);
+            const auto start = [&f] {
+                return f.ADL_Main_Control_Create && f.ADL_Main_Control_Create(adlMainMemoryAlloc, 1) == adl::ADL_OK;
+            };
+            return withFirstInterface(f, start, reads);
         };
     };
     queryBothPasses(first, second, open);

@@ -217,12 +217,13 @@ LiveSource enumerateNvmlLive(std::bitset<4>& status)
     withNvmlLoaded([&] {
         const std::shared_ptr<const NVMLFunctions> held = holdNvml();
         live.vendor = held;
-        enumerateDevices(nvmlBinding().functions, status, [&live, &held](nvml::nvmlDevice_t device, const Records& records) {
+        const auto take = [&live, &held](nvml::nvmlDevice_t device, const Records& records) {
             for (const auto& record : records)
                 live.gpus.push_back({std::static_pointer_cast<GPU>(record),
                                      held ? Reader([held, device](GPU& gpu) { readReadings(*held, device, gpu); })
                                           : Reader()});
-        });
+        };
+        enumerateDevices(nvmlBinding().functions, status, take);
     });
     return live;
 }

@@ -78,6 +78,23 @@ Reading<First, Second> throughContext(const adlwrapper::ADLCalls& calls, First f
     return {first, calls.readings->*second, calls.readings->context};
 }
 
+auto temperatureEntry(const adlwrapper::ADLCalls& calls)
+{
+    return throughContext(calls, calls.functions.ADL_Overdrive5_Temperature_Get,
+                          &adlwrapper::ADL2Readings::temperature);
+}
+
+auto currentStatusEntry(const adlwrapper::ADLCalls& calls)
+{
+    return throughContext(calls, calls.functions.ADL_Overdrive6_CurrentStatus_Get,
+                          &adlwrapper::ADL2Readings::currentStatus);
+}
+
+auto fanSpeedEntry(const adlwrapper::ADLCalls& calls)
+{
+    return throughContext(calls, calls.functions.ADL_Overdrive6_FanSpeed_Get, &adlwrapper::ADL2Readings::fanSpeed);
+}
+
 } // namespace
 
 std::optional<std::string> query_VBIOSVersionString(const adlwrapper::ADLCalls& calls, int adapterIndex)
@@ -99,7 +116,7 @@ std::optional<std::uint64_t> query_TemperatureCurrent(const adlwrapper::ADLCalls
     adl::ADLTemperature temperature{};
     temperature.iSize = sizeof(adl::ADLTemperature);
     // Thermal controller 0, the GPU's own.
-    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive5_Temperature_Get, &adlwrapper::ADL2Readings::temperature),
+    if (!callADL(temperatureEntry(calls),
                  {"52 ", "Overdrive5_Temperature_Get not available"},
                  {"61 ", "Failed to retrieve ADL temperature: "}, adapterIndex, 0, &temperature))
         return std::nullopt;
@@ -155,7 +172,7 @@ namespace {
 std::optional<adl::ADLOD6CurrentStatus> currentStatus(const adlwrapper::ADLCalls& calls, int adapterIndex)
 {
     adl::ADLOD6CurrentStatus status{};
-    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive6_CurrentStatus_Get, &adlwrapper::ADL2Readings::currentStatus),
+    if (!callADL(currentStatusEntry(calls),
                  {"177 ", "Overdrive6_CurrentStatus_Get not available"},
                  {"186 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
         return std::nullopt;
@@ -192,7 +209,7 @@ std::optional<std::uint32_t> query_UtilizationGPU(const adlwrapper::ADLCalls& ca
 {
     auto trace = site.trace("query_UtilizationGPU", 133);
     adl::ADLOD6CurrentStatus status{};
-    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive6_CurrentStatus_Get, &adlwrapper::ADL2Readings::currentStatus),
+    if (!callADL(currentStatusEntry(calls),
                  {"207 ", "Overdrive6_CurrentStatus_Get not available"},
                  {"214 ", "Failed to retrieve ADL current activity: "}, adapterIndex, &status))
         return std::nullopt;
@@ -226,7 +243,7 @@ AMDFanSpeed query_FanSpeed(const adlwrapper::ADLCalls& calls, int adapterIndex)
     auto trace = site.trace("query_FanSpeed", 165);
     adl::ADLOD6FanSpeedInfo fan{};
     fan.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
-    if (!callADL(throughContext(calls, calls.functions.ADL_Overdrive6_FanSpeed_Get, &adlwrapper::ADL2Readings::fanSpeed), {"263 ", "Overdrive6_FanSpeed_Get not available"},
+    if (!callADL(fanSpeedEntry(calls), {"263 ", "Overdrive6_FanSpeed_Get not available"},
                  {"274 ", "Failed to retrieve ADL fanspeed info: "}, adapterIndex, &fan))
         return {};
     log(site, Priority::TRACE, "280 ", "FanSpeed %: ", fan.iFanSpeedPercent);

@@ -150,7 +150,8 @@ NvmlUtilization query_GPUAndMemoryUtilization(const NVMLFunctions& entries, nvml
     return {rates.gpu, rates.memory};
 }
 
-NvmlEccCounts query_ECCMemoryErrors(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device, unsigned int errorType, unsigned int counterType)
+NvmlEccCounts query_ECCMemoryErrors(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device,
+                                    unsigned int errorType, unsigned int counterType)
 {
     auto trace = site.trace("query_ECCMemoryErrors", 261);
     nvml::nvmlEccErrorCounts_t counts{};

@@ -45,7 +45,8 @@ std::optional<std::uint32_t> query_TemperatureSlowdown(const NVMLFunctions& entr
 std::optional<std::uint32_t> query_TemperatureShutdown(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
 NvmlUtilization query_GPUAndMemoryUtilization(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
 // errorType: NVML_MEMORY_ERROR_TYPE_*; counterType: NVML_VOLATILE_ECC or NVML_AGGREGATE_ECC.
-NvmlEccCounts query_ECCMemoryErrors(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device, unsigned int errorType, unsigned int counterType);
+NvmlEccCounts query_ECCMemoryErrors(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device,
+                                    unsigned int errorType, unsigned int counterType);
 std::optional<std::uint32_t> query_FanSpeedPercent(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
 
 } // namespace libKestrel
