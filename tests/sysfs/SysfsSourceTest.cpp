@@ -17,6 +17,7 @@
 #include "common/Paths.h"
 #include "common/Test.h"
 #include "libKestrel/Session.h"
+#include "libKestrel/internal/linux/pciwrapper.h"
 
 namespace {
 
@@ -234,26 +235,71 @@ TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
     }
 }
 
+// A device libpci cannot read, which only reading tells (a value too long, a
+// device unplugged after the listing), is left out with libpci's reason; the
+// others are kept and nothing is left open.
+TEST(Sysfs, ADeviceLibpciCannotReadIsLeftOutAndSaysWhy)
+{
+    const struct {
+        const char* file;                                 // made too long before the query; null: none
+        void (*afterListing)(const std::string& devices); // between the listing and libpci's reading
+        const char* reason;                               // libpci's, "{}" for the device's folder
+    } rows[] = {
+        {"vendor", nullptr, "Value in {}/vendor too long"},
+        {"device", nullptr, "Value in {}/device too long"},
+        {"class", nullptr, "Value in {}/class too long"},
+        {nullptr, [](const std::string& devices) { fs::remove_all(fs::u8path(devices) / "0000:03:00.0"); },
+         "Cannot open {}/vendor: No such file or directory"},
+        {nullptr, [](const std::string& devices) { make(fs::u8path(devices) / "0000:03:00.0/vendor", Folder); },
+         "Error reading {}/vendor: Is a directory"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.reason);
+        SysfsTree tree;
+        tree.device("0000:00:02.0", "0x8086", "0x9a49", "0x030000", "i915");
+        const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
+        if (row.file)
+            make(device / row.file, Text, std::string(4096, '0'));
+        libKestrel::pci_library::setAfterListing(row.afterListing);
+        const std::size_t descriptors = openDescriptors();
+        LogCapture capture(tova::LoggerPriority::WARNING);
+        const Records records = querySysfs();
+        libKestrel::pci_library::setAfterListing(nullptr);
+        EXPECT_EQ(openDescriptors(), descriptors);
+        EXPECT_EQ(describe(records), Lines{"0000:00:02.0 name=Intel Corporation TigerLake-LP GT2 [Iris Xe Graphics] "
+                                           "hardwareAcceleration=true"});
+        EXPECT_EQ(capture.of("libKestrel.PCI"),
+                  Lines{"3|149 libpci cannot read 0000:03:00.0, skipped: " + withPath(row.reason, device)});
+    }
+}
+
+// What can be told without opening a file (a name, a missing or special
+// identity file) refuses the whole tree before libpci, which reads with blocking
+// calls, sees it: nothing blocks and nothing is left open.
 TEST(Sysfs, ATreeLibpciCannotReadGivesNoRecordsAndSaysWhich)
 {
     const struct {
         const char* name;
-        void (*spoil)(const fs::path& root); // of a tree with one device, 0000:03:00.0
-        std::string unreadable;              // below the tree's root, or the folder's full path
+        void (*spoil)(const fs::path& device); // the tree's one device, 0000:03:00.0
+        std::string unreadable;                // below the devices folder, or its full path
     } rows[] = {
-        {"a folder that is no device",
-         [](const fs::path& root) { fs::create_directories(root / "bus/pci/devices/junk"); }, "junk"},
-        {"a device without its class",
-         [](const fs::path& root) { fs::remove(root / "bus/pci/devices/0000:03:00.0/class"); }, "0000:03:00.0/class"},
-        {"no devices folder", [](const fs::path& root) { fs::remove_all(root / "bus"); }, ""},
+        {"a folder that is no device", [](const fs::path& device) { make(device.parent_path() / "junk", Folder); },
+         "junk"},
+        {"a device without its class", [](const fs::path& device) { fs::remove(device / "class"); },
+         "0000:03:00.0/class"},
+        {"a folder for a vendor", [](const fs::path& device) { make(device / "vendor", Folder); },
+         "0000:03:00.0/vendor"},
+        {"a FIFO for a class", [](const fs::path& device) { make(device / "class", Fifo); }, "0000:03:00.0/class"},
+        {"no devices folder", [](const fs::path& device) { fs::remove_all(device.parent_path()); }, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         SysfsTree tree;
-        tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
-        row.spoil(tree.root());
+        row.spoil(tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000"));
+        const std::size_t descriptors = openDescriptors();
         LogCapture capture(tova::LoggerPriority::WARNING);
-        EXPECT_TRUE(querySysfs().empty());
+        EXPECT_TRUE(querySysfsWithin(tree.root()).empty());
+        EXPECT_EQ(openDescriptors(), descriptors);
         const std::string which =
             row.unreadable.empty() ? (tree.root() / "bus/pci/devices").u8string() : row.unreadable;
         EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: " + which});
