@@ -93,12 +93,13 @@ std::optional<T> scaled(const std::optional<std::uint64_t>& value, std::uint64_t
 // The device's first hwmon folder, if its driver registered one.
 std::optional<fs::path> hwmonFolder(const fs::path& device)
 {
-    std::error_code error;
+    std::error_code error, notFolder;
     std::optional<fs::path> first;
-    for (const auto& entry : fs::directory_iterator(device / "hwmon", error))
-        if (entry.path().filename().u8string().rfind("hwmon", 0) == 0 && (!first || entry.path() < *first) &&
-            entry.is_directory(error))
-            first = entry.path();
+    // Incremented with an error code: a folder that goes away mid-listing ends it, without throwing.
+    for (fs::directory_iterator entry(device / "hwmon", error), end; !error && entry != end; entry.increment(error))
+        if (entry->path().filename().u8string().rfind("hwmon", 0) == 0 && (!first || entry->path() < *first) &&
+            entry->is_directory(notFolder))
+            first = entry->path();
     return first;
 }
 

@@ -116,21 +116,21 @@ struct Address {
 std::optional<std::string> listDevices(const std::filesystem::path& devices, std::vector<Address>& found)
 {
     std::error_code error;
-    std::filesystem::directory_iterator entries(devices, error);
-    if (error)
-        return devices.u8string();
-    for (const auto& entry : entries) {
-        Address address{entry.path().filename().u8string()};
-        char end = 0;
+    std::filesystem::directory_iterator entry(devices, error), end;
+    for (; !error && entry != end; entry.increment(error)) {
+        Address address{entry->path().filename().u8string()};
+        char rest = 0;
         if (std::sscanf(address.name.c_str(), "%x:%x:%x.%u%c", &address.domain, &address.bus, &address.device,
-                        &address.function, &end) != 4 ||
+                        &address.function, &rest) != 4 ||
             address.domain > 0x7FFFFFFF || address.bus > 0xFF || address.device > 0xFF || address.function > 0xFF)
             return address.name;
         for (const char* file : {"vendor", "device", "class"})
-            if (sysfs::probeAttribute((entry.path() / file).native()) != sysfs::Attribute::Regular)
+            if (sysfs::probeAttribute((entry->path() / file).native()) != sysfs::Attribute::Regular)
                 return address.name + "/" + file;
         found.push_back(std::move(address));
     }
+    if (error)
+        return devices.u8string();
     return std::nullopt;
 }
 
