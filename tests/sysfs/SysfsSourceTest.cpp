@@ -1,13 +1,23 @@
 // The sysfs source against trees written here: what each kind of card gives,
 // each conversion, and what bad files and trees cost.
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <map>
+#include <regex>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/Paths.h"
 #include "common/Test.h"
 #include "libKestrel/Session.h"
+#include "libKestrel/internal/linux/pciwrapper.h"
 
 namespace {
 
@@ -62,12 +72,65 @@ private:
     fs::path root_;
 };
 
-std::vector<std::shared_ptr<libKestrel::IGPU>> querySysfs()
+Records querySysfs()
 {
     std::bitset<4> status("0101");
     auto records = libKestrel::querySysfsGPUs(status);
     EXPECT_EQ(status, std::bitset<4>("0101"));
     return records;
+}
+
+// querySysfs on another thread, within a deadline: a query still blocked then
+// fails the test, and writers opened on the tree's FIFOs let it finish.
+Records querySysfsWithin(const fs::path& root)
+{
+    auto query = std::async(std::launch::async, querySysfs);
+    if (query.wait_for(std::chrono::seconds(10)) == std::future_status::timeout) {
+        ADD_FAILURE() << "the query blocks";
+        while (query.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout)
+            for (const auto& entry : fs::recursive_directory_iterator(root))
+                if (entry.is_fifo())
+                    if (const int writer = open(entry.path().c_str(), O_WRONLY | O_NONBLOCK); writer >= 0)
+                        close(writer);
+    }
+    return query.get();
+}
+
+std::size_t openDescriptors()
+{
+    const fs::directory_iterator entries("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(fs::begin(entries), fs::end(entries)));
+}
+
+enum Kind { Text, Folder, Fifo };
+
+// A file of 'kind' at 'file', in place of what was there; 'text' is a Text file's.
+void make(const fs::path& file, Kind kind, const std::string& text = "")
+{
+    fs::remove_all(file);
+    if (kind == Text)
+        SysfsTree::write(file, text);
+    else if (kind == Folder)
+        fs::create_directories(file);
+    else
+        ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+}
+
+// 'line' with its "{}" replaced by 'path'.
+std::string withPath(std::string line, const fs::path& path)
+{
+    if (const auto at = line.find("{}"); at != std::string::npos)
+        line.replace(at, 2, path.u8string());
+    return line;
+}
+
+// A record's description without the properties 'lost' names (blank-separated).
+std::string without(std::string description, const std::string& lost)
+{
+    std::istringstream names(lost);
+    for (std::string name; names >> name;)
+        description = std::regex_replace(description, std::regex(" " + name + "=.*?(?= [A-Za-z]+=|$)"), "");
+    return description;
 }
 
 const Files amdgpuFiles = {{"current_link_speed", "16.0 GT/s PCIe\n"},
@@ -123,61 +186,120 @@ TEST(Sysfs, ASessionReadsTheSensorFilesAgainAtEachRefresh)
     EXPECT_TRUE(session.sources().at(0).up);
 }
 
+// Each bad amdgpu or hwmon file costs the properties read from it, none other,
+// says why at warning priority, blocks nothing and leaves nothing open.
 TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
 {
-    const struct {
-        const char* content; // of temp1_input; null: a folder in its place
-        const char* line;    // the warning, after the file's path
-    } rows[] = {{"garbage\n", "66 Not a number in {}: garbage"},
-                {"", "52 Empty file: {}"},
-                {"\n", "52 Empty file: {}"},
-                {"-5000\n", "66 Not a number in {}: -5000"},
-                {"12 34\n", "66 Not a number in {}: 12 34"},
-                {"18446744073709551616\n", "66 Not a number in {}: 18446744073709551616"},
-                {nullptr, "45 Cannot read {}"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.line);
+    const Lines whole = [] {
         SysfsTree tree;
-        const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "radeon",
-                                            {{"hwmon/hwmon0/fan1_input", "900\n"}});
-        const fs::path file = device / "hwmon/hwmon0/temp1_input";
-        if (row.content)
-            SysfsTree::write(file, row.content);
-        else
-            fs::create_directories(file);
+        tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "amdgpu", amdgpuFiles);
+        return describe(querySysfs());
+    }();
+    ASSERT_EQ(whole.size(), 1u);
+    const struct {
+        const char* file; // below the device's folder
+        Kind kind;
+        std::string content; // of a Text file
+        const char* lost;    // the properties it costs, blank-separated
+        const char* line;    // the warning, "{}" for the file's path; null: none
+    } rows[] = {
+        {"hwmon/hwmon3/temp1_input", Text, "garbage\n", "temperatureCurrent", "66 Not a number in {}: garbage"},
+        {"hwmon/hwmon3/temp1_input", Text, "", "temperatureCurrent", "52 Empty file: {}"},
+        {"hwmon/hwmon3/temp1_input", Text, "\n", "temperatureCurrent", "52 Empty file: {}"},
+        {"hwmon/hwmon3/temp1_input", Text, "-5000\n", "temperatureCurrent", "66 Not a number in {}: -5000"},
+        {"hwmon/hwmon3/temp1_input", Text, "12 34\n", "temperatureCurrent", "66 Not a number in {}: 12 34"},
+        {"hwmon/hwmon3/temp1_input", Text, "18446744073709551616\n", "temperatureCurrent",
+         "66 Not a number in {}: 18446744073709551616"},
+        {"hwmon/hwmon3/temp1_input", Folder, "", "temperatureCurrent", "45 Cannot read {}"},
+        {"hwmon/hwmon3/temp1_input", Fifo, "", "temperatureCurrent", "46 Not a regular file: {}"},
+        {"hwmon/hwmon3/temp1_input", Text, std::string(250, '0') + "54000\n", "", nullptr}, // 256 bytes: the most
+        {"hwmon/hwmon3/temp1_input", Text, std::string(251, '0') + "54000\n", "temperatureCurrent",
+         "47 Longer than 256 bytes: {}"},
+        {"hwmon/hwmon3/pwm1_max", Fifo, "", "fanSpeedPercent", "46 Not a regular file: {}"},
+        {"vbios_version", Text, std::string(4096, 'x'), "vbiosVersion", "47 Longer than 256 bytes: {}"},
+        {"unique_id", Fifo, "", "uuid", "46 Not a regular file: {}"},
+        {"mem_info_vram_total", Folder, "", "dedicatedMemory availableDedicatedMemory", "45 Cannot read {}"},
+        {"hwmon/hwmon0", Text, "1\n", "", nullptr}, // first by name, but no folder: hwmon3 is read
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.file) + " " + (row.line ? row.line : "read"));
+        SysfsTree tree;
+        const fs::path file =
+            tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "amdgpu", amdgpuFiles) / row.file;
+        make(file, row.kind, row.content);
+        const std::size_t descriptors = openDescriptors();
         LogCapture capture(tova::LoggerPriority::WARNING);
-        const auto records = querySysfs();
-        EXPECT_EQ(records.size(), 1u);
-        for (const auto& gpu : records) {
-            EXPECT_FALSE(gpu->temperatureCurrent());
-            EXPECT_EQ(gpu->fanSpeedRPM(), 900u) << "the other readings are kept";
-        }
-        std::string line = row.line;
-        line.replace(line.find("{}"), 2, file.u8string());
-        EXPECT_EQ(capture.of(sysfs), Lines{"3|" + line});
+        EXPECT_EQ(describe(querySysfsWithin(tree.root())), Lines{without(whole.front(), row.lost)});
+        EXPECT_EQ(openDescriptors(), descriptors);
+        EXPECT_EQ(capture.of(sysfs), row.line ? Lines{"3|" + withPath(row.line, file)} : Lines{});
     }
 }
 
+// A device libpci cannot read, which only reading tells (a value too long, a
+// device unplugged after the listing), is left out with libpci's reason; the
+// others are kept and nothing is left open.
+TEST(Sysfs, ADeviceLibpciCannotReadIsLeftOutAndSaysWhy)
+{
+    const struct {
+        const char* file;                                 // made too long before the query; null: none
+        void (*afterListing)(const std::string& devices); // between the listing and libpci's reading
+        const char* reason;                               // libpci's, "{}" for the device's folder
+    } rows[] = {
+        {"vendor", nullptr, "Value in {}/vendor too long"},
+        {"device", nullptr, "Value in {}/device too long"},
+        {"class", nullptr, "Value in {}/class too long"},
+        {nullptr, [](const std::string& devices) { fs::remove_all(fs::u8path(devices) / "0000:03:00.0"); },
+         "Cannot open {}/vendor: No such file or directory"},
+        {nullptr, [](const std::string& devices) { make(fs::u8path(devices) / "0000:03:00.0/vendor", Folder); },
+         "Error reading {}/vendor: Is a directory"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.reason);
+        SysfsTree tree;
+        tree.device("0000:00:02.0", "0x8086", "0x9a49", "0x030000", "i915");
+        const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
+        if (row.file)
+            make(device / row.file, Text, std::string(4096, '0'));
+        libKestrel::pci_library::setAfterListing(row.afterListing);
+        const std::size_t descriptors = openDescriptors();
+        LogCapture capture(tova::LoggerPriority::WARNING);
+        const Records records = querySysfs();
+        libKestrel::pci_library::setAfterListing(nullptr);
+        EXPECT_EQ(openDescriptors(), descriptors);
+        EXPECT_EQ(describe(records), Lines{"0000:00:02.0 name=Intel Corporation TigerLake-LP GT2 [Iris Xe Graphics] "
+                                           "hardwareAcceleration=true"});
+        EXPECT_EQ(capture.of("libKestrel.PCI"),
+                  Lines{"3|149 libpci cannot read 0000:03:00.0, skipped: " + withPath(row.reason, device)});
+    }
+}
+
+// What can be told without opening a file (a name, a missing or special
+// identity file) refuses the whole tree before libpci, which reads with blocking
+// calls, sees it: nothing blocks and nothing is left open.
 TEST(Sysfs, ATreeLibpciCannotReadGivesNoRecordsAndSaysWhich)
 {
     const struct {
         const char* name;
-        void (*spoil)(const fs::path& root); // of a tree with one device, 0000:03:00.0
-        std::string unreadable;              // below the tree's root, or the folder's full path
+        void (*spoil)(const fs::path& device); // the tree's one device, 0000:03:00.0
+        std::string unreadable;                // below the devices folder, or its full path
     } rows[] = {
-        {"a folder that is no device",
-         [](const fs::path& root) { fs::create_directories(root / "bus/pci/devices/junk"); }, "junk"},
-        {"a device without its class",
-         [](const fs::path& root) { fs::remove(root / "bus/pci/devices/0000:03:00.0/class"); }, "0000:03:00.0/class"},
-        {"no devices folder", [](const fs::path& root) { fs::remove_all(root / "bus"); }, ""},
+        {"a folder that is no device", [](const fs::path& device) { make(device.parent_path() / "junk", Folder); },
+         "junk"},
+        {"a device without its class", [](const fs::path& device) { fs::remove(device / "class"); },
+         "0000:03:00.0/class"},
+        {"a folder for a vendor", [](const fs::path& device) { make(device / "vendor", Folder); },
+         "0000:03:00.0/vendor"},
+        {"a FIFO for a class", [](const fs::path& device) { make(device / "class", Fifo); }, "0000:03:00.0/class"},
+        {"no devices folder", [](const fs::path& device) { fs::remove_all(device.parent_path()); }, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         SysfsTree tree;
-        tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000");
-        row.spoil(tree.root());
+        row.spoil(tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000"));
+        const std::size_t descriptors = openDescriptors();
         LogCapture capture(tova::LoggerPriority::WARNING);
-        EXPECT_TRUE(querySysfs().empty());
+        EXPECT_TRUE(querySysfsWithin(tree.root()).empty());
+        EXPECT_EQ(openDescriptors(), descriptors);
         const std::string which =
             row.unreadable.empty() ? (tree.root() / "bus/pci/devices").u8string() : row.unreadable;
         EXPECT_EQ(capture.of("libKestrel.PCI"), Lines{"3|135 Cannot enumerate the PCI devices, unreadable: " + which});

@@ -15,6 +15,7 @@
 #include "libKestrel/Sources.h"
 #include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/linux/SysfsFile.h"
 #include "libKestrel/internal/linux/SysfsGPUQuerier.h"
 #include "libKestrel/internal/linux/pciwrapper.h"
 #include "tova/System.h"
@@ -29,26 +30,32 @@ namespace fs = std::filesystem;
 logging::LogSite site("libKestrel.Sysfs", "libKestrel/src/linux/SysfsGPUQuerier.cpp");
 
 // Every value the kernel writes in these files is a short line.
-constexpr std::streamsize mostBytes = 256;
+constexpr std::size_t mostBytes = 256;
 
 // The text of one sysfs file, without its line end. Nothing when the file is
-// not there (a driver that does not offer it: logged as a trace) or cannot be
-// read, or is empty (logged as warnings).
+// not there (a driver that does not offer it: logged as a trace), is no regular
+// file, cannot be read, is longer than any value the kernel writes, or is empty
+// (logged as warnings).
 std::optional<std::string> readText(const fs::path& file)
 {
-    std::error_code error;
-    if (!fs::exists(file, error)) {
+    std::string text;
+    switch (sysfs::readAttribute(file.native(), mostBytes, text)) {
+    case sysfs::Attribute::Regular:
+        break;
+    case sysfs::Attribute::Missing:
         log(site, Priority::TRACE, "38 ", "Not offered: ", logging::deferred([&file] { return file.u8string(); }));
         return std::nullopt;
-    }
-    std::ifstream in(file, std::ios::binary);
-    std::string text(static_cast<std::size_t>(mostBytes), '\0');
-    in.read(text.data(), mostBytes);
-    if (in.bad() || (!in && !in.eof())) {
+    case sysfs::Attribute::Folder:
+    case sysfs::Attribute::Unreadable:
         log(site, Priority::WARNING, "45 ", "Cannot read ", file.u8string());
         return std::nullopt;
+    case sysfs::Attribute::Special:
+        log(site, Priority::WARNING, "46 ", "Not a regular file: ", file.u8string());
+        return std::nullopt;
+    case sysfs::Attribute::TooLong:
+        log(site, Priority::WARNING, "47 ", "Longer than ", mostBytes, " bytes: ", file.u8string());
+        return std::nullopt;
     }
-    text.resize(static_cast<std::size_t>(in.gcount()));
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
         text.pop_back();
     if (text.empty()) {
@@ -86,11 +93,13 @@ std::optional<T> scaled(const std::optional<std::uint64_t>& value, std::uint64_t
 // The device's first hwmon folder, if its driver registered one.
 std::optional<fs::path> hwmonFolder(const fs::path& device)
 {
-    std::error_code error;
+    std::error_code error, notFolder;
     std::optional<fs::path> first;
-    for (const auto& entry : fs::directory_iterator(device / "hwmon", error))
-        if (entry.path().filename().u8string().rfind("hwmon", 0) == 0 && (!first || entry.path() < *first))
-            first = entry.path();
+    // Incremented with an error code: a folder that goes away mid-listing ends it, without throwing.
+    for (fs::directory_iterator entry(device / "hwmon", error), end; !error && entry != end; entry.increment(error))
+        if (entry->path().filename().u8string().rfind("hwmon", 0) == 0 && (!first || entry->path() < *first) &&
+            entry->is_directory(notFolder))
+            first = entry->path();
     return first;
 }
 

@@ -19,8 +19,14 @@ struct PciDevice {
 };
 
 // The display controllers (PCI class 0x03) under '<sysfsRoot>/bus/pci', through
-// libpci loaded for this call alone. Empty, with a logged reason, when libpci is
-// missing or the tree cannot be enumerated.
+// libpci, which is loaded on first use and kept. Empty, with a logged reason,
+// when libpci is missing or the tree cannot be enumerated; a device libpci
+// cannot read is left out, with a logged reason. Safe on several threads at once.
 std::vector<PciDevice> displayControllers(const std::string& sysfsRoot);
+
+// For tests: a function run by every later call of displayControllers between
+// its listing of the devices folder (passed to it) and libpci's reading of the
+// devices, as a device unplugged at that moment would be; null for none.
+void setAfterListing(void (*hook)(const std::string& devices));
 
 } // namespace libKestrel::pci_library
