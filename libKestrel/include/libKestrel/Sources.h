@@ -11,8 +11,10 @@ namespace libKestrel {
 
 // The library's own GPU sources. Each is a GPUQuerier (libKestrel/Query.h): it
 // loads its vendor's library when called, reports one record per GPU it can
-// place on the PCI bus, and releases the library before it returns. A vendor
-// that is missing or failing yields fewer records, never an exception.
+// place on the PCI bus, and releases the library before it returns (unless a
+// session or another thread still uses it). A vendor that is missing or failing
+// yields fewer records, never an exception. Each may run on several threads at
+// once, beside queries and sessions of the same vendor.
 
 // NVIDIA GPUs through NVML: name, UUID, VBIOS version, utilisation, ECC error
 // counts, temperatures and fan speed. Sets status bit 0 when NVML refuses a GPU
