@@ -52,7 +52,9 @@ void advance(Child& child, const AnswerRules& rules)
     if (!end)
         return;
     if (!child.stopping) {
-        child.end.how = end->crashed ? ChildEnd::How::crashed : ChildEnd::How::exited;
+        child.end.how = !end->known ? ChildEnd::How::unknown
+                         : end->crashed ? ChildEnd::How::crashed
+                                        : ChildEnd::How::exited;
         child.end.code = end->code;
     }
     child.finished = true;

@@ -45,6 +45,8 @@ std::string outcome(const ChildEnd& end, const std::string& problem)
     case ChildEnd::How::exited:
         if (end.code != 0)
             return "ended with exit code " + std::to_string(end.code);
+        [[fallthrough]];
+    case ChildEnd::How::unknown:
         return "gave output that does not parse: " + problem;
     }
     return problem;
@@ -94,7 +96,9 @@ std::vector<std::shared_ptr<IGPU>> queryAllGPUsIsolated(const std::vector<Monito
         const probe::Output output = probe::parse(end.answer, problem);
         for (const probe::LogLine& line : output.logs)
             isolation::forward(line);
-        if (end.how != ChildEnd::How::exited || end.code != 0 || !problem.empty()) {
+        // How it ended is lost when the host collected it itself: its answer tells.
+        const bool endedWell = end.how == ChildEnd::How::unknown || (end.how == ChildEnd::How::exited && end.code == 0);
+        if (!endedWell || !problem.empty()) {
             log(site, Priority::CRITICAL, "152 ", "Source ", own->name, " ", outcome(end, problem),
                 "; its records are left out");
             continue;

@@ -92,10 +92,10 @@ void closeAllFrom(int first, int kept, long openMost)
     _exit(127);
 }
 
-// Starts a copy of this process whose end is signalled to no one (exit signal
-// 0): a host's waitpid(-1) or its ignored SIGCHLD never collects it, so until
-// it is collected here its process id, and the id of the process group it
-// makes, belong to it. Its process descriptor is made with it.
+// Starts a copy of this process, its process descriptor made with it: no other
+// process can ever stand behind that descriptor. Until exec (which makes the
+// end signalled as usual) its end is signalled to no one, so a host's
+// waitpid(-1) or ignored SIGCHLD never takes a failed exec's status.
 pid_t startChild(int& descriptor)
 {
     struct {
@@ -117,6 +117,20 @@ bool waitOn(int descriptor, int options, siginfo_t& info)
 {
     info = {};
     return waitid(P_PIDFD, static_cast<id_t>(descriptor), &info, options | WEXITED | WNOHANG | __WALL) == 0;
+}
+
+// Kills the child's process group through its process descriptor, which names
+// that group whoever collected the child and whatever process its id is given
+// to later (Linux 6.9 on); before that, by the group's id, and only while the
+// child is not collected, so that the id is still its own.
+void killGroup(int descriptor, pid_t group)
+{
+    constexpr unsigned processGroup = 1u << 2; // PIDFD_SIGNAL_PROCESS_GROUP
+    if (syscall(SYS_pidfd_send_signal, descriptor, SIGKILL, nullptr, processGroup) == 0 || errno != EINVAL)
+        return;
+    siginfo_t info;
+    if (waitOn(descriptor, WNOWAIT, info))
+        kill(-group, SIGKILL);
 }
 
 std::string failure(const char* what, int error) { return std::string(what) + ": " + std::strerror(error); }
@@ -247,30 +261,25 @@ std::optional<ProcessEnd> Process::ended()
     const bool ours = waitOn(descriptor_, WNOWAIT, info);
     if (ours && info.si_pid == 0)
         return std::nullopt;
-    // Not collected yet, its group's id is still its own: whatever it started
-    // and left running is stopped by that id.
-    if (ours)
-        ::kill(-pid_, SIGKILL);
+    killGroup(descriptor_, pid_); // whatever it started and left running
     const bool collected = ours && waitOn(descriptor_, 0, info) && info.si_pid != 0;
     running_ = false;
     close(descriptor_);
     descriptor_ = -1;
-    // A host waiting for children of every kind (__WALL) may have collected it:
-    // its end is not known then.
+    // A host that ignores SIGCHLD, or collects its children itself, may have
+    // taken it: how it ended is not known then.
     if (!collected)
-        return ProcessEnd{false, -1};
+        return ProcessEnd{false, 0, false};
     const bool crashed = info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED;
-    return ProcessEnd{crashed, info.si_status};
+    return ProcessEnd{crashed, info.si_status, true};
 }
 
 void Process::kill()
 {
     if (!running_)
         return;
-    siginfo_t info;
-    if (waitOn(descriptor_, WNOWAIT, info))
-        ::kill(-pid_, SIGKILL);
-    syscall(SYS_pidfd_send_signal, descriptor_, SIGKILL, nullptr, 0); // in case it left its group
+    killGroup(descriptor_, pid_);
+    syscall(SYS_pidfd_send_signal, descriptor_, SIGKILL, nullptr, 0);
 }
 
 void Process::abandon()

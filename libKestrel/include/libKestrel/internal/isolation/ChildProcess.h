@@ -16,6 +16,7 @@ struct ChildEnd {
         overdue,    // still running at the deadline: stopped
         tooLong,    // it answered more than an answer may hold: stopped
         notStarted, // 'problem' says why
+        unknown,    // it ended, and the host collected it itself: how is lost
     };
     How how = How::notStarted;
     long code = 0;

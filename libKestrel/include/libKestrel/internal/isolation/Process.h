@@ -17,6 +17,7 @@ constexpr std::chrono::milliseconds stopMargin(250);
 struct ProcessEnd {
     bool crashed = false; // 'code' is the signal (Linux) or the exception code (Windows)
     long code = 0;        // else its exit code
+    bool known = true;    // false: the host collected it itself, and how it ended is lost
 };
 
 // One child process, the group of processes it starts, and the pipe it answers
@@ -31,8 +32,9 @@ struct ProcessEnd {
 //
 // Linux: the child is made by the calling thread and ends when that thread
 // ends (the parent-death signal follows the creating thread), so a thread that
-// starts a child outlives it; it reports its end to no one but this object, so
-// a host that ignores SIGCHLD or collects every child it has is no trouble.
+// starts a child must outlive it. Its end is seen through its descriptor, so a
+// host that ignores SIGCHLD or collects its children itself loses this object
+// nothing but how the child ended.
 class Process {
 public:
     // Starts 'command' (a program's path, then its arguments). 'problem' says why
