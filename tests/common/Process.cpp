@@ -39,12 +39,18 @@ std::wstring quoted(const std::string& argument)
     return result + L"\"";
 }
 
-// A program's path as CreateProcessW takes it at any length.
+// A program's path as CreateProcessW takes it at any length: past MAX_PATH,
+// its 8.3 form (Wine takes no longer one, \\?\ or not).
 std::wstring anyLengthPath(const std::string& program)
 {
     std::wstring path = std::filesystem::u8path(program).wstring();
     std::replace(path.begin(), path.end(), L'/', L'\\');
-    return path.size() < MAX_PATH ? path : L"\\\\?\\" + path;
+    if (path.size() < MAX_PATH)
+        return path;
+    path = L"\\\\?\\" + path;
+    std::wstring shorter(path.size() + 1, L'\0');
+    shorter.resize(GetShortPathNameW(path.c_str(), shorter.data(), static_cast<DWORD>(shorter.size())));
+    return shorter;
 }
 
 HANDLE inheritableFile(const std::string& path)

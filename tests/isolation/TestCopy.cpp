@@ -27,6 +27,12 @@ TestCopy::TestCopy(const fs::path& folder, const std::string& helper) : folder_(
     if (!helper.empty())
         fs::copy_file(built / (helper + extension), folder_ / (std::string("kestrel-probe") + extension),
                       fs::copy_options::overwrite_existing);
+#if defined(_WIN32)
+    // The libraries the program loads, which Windows looks for beside it.
+    for (const auto& entry : fs::directory_iterator(built))
+        if (entry.path().extension() == ".dll")
+            fs::copy_file(entry.path(), folder_ / entry.path().filename(), fs::copy_options::overwrite_existing);
+#endif
 }
 
 TestCopy::~TestCopy()

@@ -117,5 +117,8 @@ int main(int argc, char** argv)
     std::bitset<4> status;
     const auto records = source->query(status);
     write(libKestrel::probe::records(records, status));
+    // The answer is complete and the host has stopped reading: what is logged
+    // from here on (vendors' unloading) goes to standard error.
+    tova::LogFactory::setSink(nullptr);
     return 0;
 }

@@ -40,17 +40,29 @@ std::wstring quoted(const std::string& argument)
     return result + L"\"";
 }
 
-// A path that file and process functions take at any length: past MAX_PATH only
-// in its \\?\ form, which takes no '/' and no relative parts.
-std::wstring anyLengthPath(const std::string& path)
+// A path that file and process functions take at any length: its \\?\ form,
+// which takes no '/' and no relative parts, for a path past MAX_PATH or when
+// 'always'.
+std::wstring anyLengthPath(const std::string& path, bool always = false)
 {
     std::wstring wide = widened(path);
     std::replace(wide.begin(), wide.end(), L'/', L'\\');
-    if (wide.size() < MAX_PATH || wide.rfind(L"\\\\?\\", 0) == 0)
+    if ((wide.size() < MAX_PATH && !always) || wide.rfind(L"\\\\?\\", 0) == 0)
         return wide;
     if (wide.rfind(L"\\\\", 0) == 0)
         return L"\\\\?\\UNC\\" + wide.substr(2);
     return L"\\\\?\\" + wide;
+}
+
+// The \\?\ form of a path's 8.3 form, for the systems whose CreateProcessW
+// takes no path past MAX_PATH, nor an 8.3 one without that prefix (Wine).
+std::wstring shortForm(const std::string& path)
+{
+    const std::wstring whole = anyLengthPath(path, true);
+    std::wstring shorter(whole.size() + 1, L'\0');
+    const DWORD length = GetShortPathNameW(whole.c_str(), shorter.data(), static_cast<DWORD>(shorter.size()));
+    shorter.resize(length < shorter.size() ? length : 0);
+    return shorter;
 }
 
 HANDLE inheritableCopy(HANDLE handle)
@@ -149,10 +161,12 @@ Process::Process(const std::vector<std::string>& command, std::string& problem)
         line += (line.empty() ? L"" : L" ") + quoted(argument);
     line += L" --answer-pipe " + std::to_wstring(reinterpret_cast<std::uintptr_t>(handed[0]));
     // Started suspended, so that it is in its job before it can start anything.
-    const std::wstring program = anyLengthPath(command.front());
-    if (!CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
-                        CREATE_NO_WINDOW | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr,
-                        &startup.StartupInfo, &started)) {
+    const auto create = [&](const std::wstring& program) {
+        return CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
+                              CREATE_NO_WINDOW | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT, nullptr, nullptr,
+                              &startup.StartupInfo, &started);
+    };
+    if (!create(anyLengthPath(command.front())) && !create(shortForm(command.front()))) {
         problem = failure("cannot start " + command.front());
         return;
     }
