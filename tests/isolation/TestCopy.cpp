@@ -4,6 +4,10 @@
 
 #include "common/Paths.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 namespace kestrel::test {
 namespace {
 
@@ -17,11 +21,36 @@ const char* const extension = "";
 
 const fs::path program = std::string("isolation_tests") + extension;
 
+#if defined(_WIN32)
+// A folder and all it holds, by the \\?\ form of its path: the only one that
+// removes files past MAX_PATH under Wine (std::filesystem uses the other).
+void removeAll(const std::wstring& folder)
+{
+    WIN32_FIND_DATAW found;
+    const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
+    for (BOOL more = search != INVALID_HANDLE_VALUE; more; more = FindNextFileW(search, &found)) {
+        const std::wstring name = found.cFileName;
+        if (name == L"." || name == L"..")
+            continue;
+        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+            removeAll(folder + L"\\" + name);
+        else
+            DeleteFileW((folder + L"\\" + name).c_str());
+    }
+    if (search != INVALID_HANDLE_VALUE)
+        FindClose(search);
+    RemoveDirectoryW(folder.c_str());
+}
+#endif
+
 } // namespace
 
-TestCopy::TestCopy(const fs::path& folder, const std::string& helper) : folder_(folder)
+TestCopy::TestCopy(const fs::path& folder, const std::string& helper) : folder_(folder), made_(folder)
 {
     const fs::path built = fs::u8path(executableDirectory());
+    // What is made here, and removed at the end: the folder's first missing ancestor.
+    while (!fs::exists(made_.parent_path()))
+        made_ = made_.parent_path();
     fs::create_directories(folder_);
     fs::copy_file(built / program, folder_ / program, fs::copy_options::overwrite_existing);
     if (!helper.empty())
@@ -37,8 +66,12 @@ TestCopy::TestCopy(const fs::path& folder, const std::string& helper) : folder_(
 
 TestCopy::~TestCopy()
 {
+#if defined(_WIN32)
+    removeAll(L"\\\\?\\" + made_.wstring());
+#else
     std::error_code ignored;
-    fs::remove_all(folder_, ignored);
+    fs::remove_all(made_, ignored);
+#endif
 }
 
 ProcessResult TestCopy::run(const std::vector<std::string>& arguments) const

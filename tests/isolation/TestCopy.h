@@ -10,7 +10,8 @@ namespace kestrel::test {
 
 // A copy of this test program in a folder of its own, with a helper program in
 // kestrel-probe's place beside it or none, so that an isolated query run from
-// the copy finds that helper. The folder is removed again at the end.
+// the copy finds that helper. The folder (and the folders made for it) is
+// removed again at the end.
 class TestCopy {
 public:
     // 'helper' is the file name of a program built beside the tests; empty for none.
@@ -29,6 +30,7 @@ public:
 
 private:
     std::filesystem::path folder_;
+    std::filesystem::path made_;
 };
 
 } // namespace kestrel::test
