@@ -221,16 +221,6 @@ Process::Process(const std::vector<std::string>& command, std::string& problem)
     }
 }
 
-Process::~Process()
-{
-    if (running_) {
-        kill();
-        if (!ended())
-            abandon();
-    }
-    closeAnswer();
-}
-
 bool Process::read(std::string& answer, std::size_t most)
 {
     while (answer_ >= 0 && answer.size() < most) {

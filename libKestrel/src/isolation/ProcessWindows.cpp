@@ -185,16 +185,6 @@ Process::Process(const std::vector<std::string>& command, std::string& problem)
     ResumeThread(started.hThread);
 }
 
-Process::~Process()
-{
-    if (running_) {
-        kill();
-        if (!ended())
-            abandon();
-    }
-    closeAnswer();
-}
-
 bool Process::read(std::string& answer, std::size_t most)
 {
     while (answer_ && answer.size() < most) {

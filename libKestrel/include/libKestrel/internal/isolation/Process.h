@@ -41,7 +41,15 @@ public:
     // it could not be started, and is left empty when it was.
     Process(const std::vector<std::string>& command, std::string& problem);
     // A child still running is stopped and left to be collected later.
-    ~Process();
+    ~Process()
+    {
+        if (running_) {
+            kill();
+            if (!ended())
+                abandon();
+        }
+        closeAnswer();
+    }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
