@@ -26,8 +26,10 @@ TEST(Isolation, TheHelperBesideTheLibraryRunsWhateverTheHostsCurrentFolder)
     fs::copy_file(built / "fake_kestrel_probe", root / "lib" / "kestrel-probe");
     std::ofstream(planted) << "#!/bin/sh\ntouch \"$0.ran\"\n";
     fs::permissions(planted, fs::perms::owner_all);
+    // The simulated GLFW too: the machine's own may leak when it cannot start.
+    const std::string searchPath = "lib:" + kestrel::test::SimulatedModules::folder("sim_glfw");
     const auto run = kestrel::test::runProcess((built / "relative_host").u8string(), {"planted"},
-                                               {root.u8string(), {{"LD_LIBRARY_PATH", "lib"}}});
+                                               {root.u8string(), {{"LD_LIBRARY_PATH", searchPath}}});
     const bool ran = fs::exists(planted.u8string() + ".ran");
     fs::remove_all(root);
     EXPECT_EQ(run.exitCode, 0) << run.err;
