@@ -1,6 +1,8 @@
 #include "libKestrel/internal/Kestrel.h"
 
 #include <algorithm>
+#include <map>
+#include <tuple>
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/internal/Assert.h"
@@ -122,18 +124,22 @@ std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<I
 {
     auto trace = site.trace("mergeGPUs", 120);
     std::vector<std::shared_ptr<IGPU>> result;
+    // Each location's place in 'result': one lookup per record, not a scan of
+    // every record before it (a helper's answer may hold many thousands).
+    std::map<std::tuple<std::uint32_t, std::uint8_t, std::uint8_t, std::uint8_t>, std::size_t> placeOf;
     for (const auto& gpu : gpus) {
         // A null record from a host's source has no location either.
-        if (!gpu || !gpu->pciLocation()) {
+        const auto location = gpu ? gpu->pciLocation() : std::nullopt;
+        if (!location) {
             log(site, Priority::WARNING, "294 ", "Could not obtain PCI Location from GPU");
             continue;
         }
-        auto same = std::find_if(result.begin(), result.end(),
-                                 [&](const std::shared_ptr<IGPU>& earlier) { return earlier->isSameGPU(*gpu); });
-        if (same != result.end())
-            *same = mergeTwoGPUs(*same, gpu);
-        else
+        const auto [place, first] = placeOf.try_emplace(
+            std::make_tuple(location->domain, location->bus, location->device, location->function), result.size());
+        if (first)
             result.push_back(gpu);
+        else
+            result[place->second] = mergeTwoGPUs(result[place->second], gpu);
     }
     return result;
 }

@@ -1,6 +1,7 @@
 // The isolated query: the same records as in-process, a crashing or hanging
 // vendor that costs only its own records, the children's log lines in the host's
-// sink, and the probe's output format read strictly.
+// sink, and the probe's output format read strictly. ContractTest.cpp holds what
+// a helper or its host may do beyond that.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "TestCopy.h"
 #include "common/Paths.h"
 #include "common/Process.h"
 #include "common/Records.h"
@@ -43,50 +45,45 @@ public:
     explicit MachineInFile(const std::string& file)
     {
         kestrelSimSetScenario(nullptr); // this process reads the file too
-        setVariable(file);
+        kestrel::test::setEnvironment("KESTREL_SIM_SCENARIO", file);
     }
     explicit MachineInFile(const json& machine)
     {
         written_ = kestrel::test::temporaryPath("isolated.json");
         std::ofstream(written_) << machine.dump();
         kestrelSimSetScenario(nullptr);
-        setVariable(written_);
+        kestrel::test::setEnvironment("KESTREL_SIM_SCENARIO", written_);
     }
     ~MachineInFile()
     {
-        setVariable("");
+        kestrel::test::setEnvironment("KESTREL_SIM_SCENARIO", "");
         if (!written_.empty())
             std::remove(written_.c_str());
     }
 
 private:
-    static void setVariable(const std::string& value)
-    {
-#if defined(_WIN32)
-        _putenv_s("KESTREL_SIM_SCENARIO", value.c_str());
-#else
-        setenv("KESTREL_SIM_SCENARIO", value.c_str(), 1);
-#endif
-    }
     std::string written_;
 };
 
 // A host's own source, which an isolated query runs in the host's process.
 std::vector<std::shared_ptr<libKestrel::IGPU>> hostSource(std::bitset<4>&) { return {kestrel::test::gpuAt(0x7e)}; }
 
+// The longest deadline there is waits for the helpers as long as they take.
 TEST(Isolation, EveryExampleMachineGivesTheRecordsOfAnInProcessQuery)
 {
     std::vector<libKestrel::GPUQuerier> sources = ownSources;
     sources.push_back(hostSource);
     for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
-        SCOPED_TRACE(machine);
         const MachineInFile file(scenarioFile(machine));
         std::bitset<4> inProcess;
-        std::bitset<4> isolated;
         const auto expected = describe(libKestrel::queryAllGPUs({}, sources, inProcess));
-        EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, sources, isolated)), expected);
-        EXPECT_EQ(isolated, inProcess);
         EXPECT_FALSE(expected.empty());
+        for (const auto deadline : {std::chrono::milliseconds(10000), std::chrono::milliseconds::max()}) {
+            SCOPED_TRACE(std::string(machine) + ", deadline " + std::to_string(deadline.count()) + " ms");
+            std::bitset<4> isolated;
+            EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, sources, isolated, deadline)), expected);
+            EXPECT_EQ(isolated, inProcess);
+        }
     }
 }
 
@@ -136,6 +133,19 @@ TEST(Isolation, ACrashingOrHangingVendorCostsOnlyItsOwnRecords)
     }
 }
 
+// Each line reaches the host as it is written: one written before a crash is not lost.
+TEST(Isolation, ACrashedHelpersLogLinesReachTheHost)
+{
+    json machine = json::parse(kestrel::test::fileText(scenarioFile("workstation")));
+    machine["faults"] = {{"ADL_Adapter_AdapterInfo_Get", {{"crash", true}}}};
+    const MachineInFile file(machine);
+    LogCapture capture(tova::LoggerPriority::TRACE);
+    std::bitset<4> status;
+    EXPECT_TRUE(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryAMDGPUsMulti}, status).empty());
+    EXPECT_TRUE(capture.has("libKestrel.AMDGPUQuerierMulti", 1, "171 Enumerated AMD adapter count: 3"));
+    EXPECT_EQ(capture.count("152 Source adl crashed with "), 1u);
+}
+
 TEST(Isolation, TheChildrensLogLinesReachTheHostsSinkUnderItsThreshold)
 {
     const MachineInFile file(json::parse(R"({"gpus": [{"pci": {"bus": 3}, "adl": {}}],
@@ -166,13 +176,8 @@ TEST(IsolationAlone, WithoutTheHelperProgramASourceGivesNothingAndSaysWhy)
 
 TEST(Isolation, AMissingHelperProgramCostsItsSourcesAndALine)
 {
-    const fs::path alone = fs::u8path(kestrel::test::temporaryPath("alone"));
-    fs::create_directories(alone);
-    fs::copy_file(fs::u8path(kestrel::test::executableDirectory()) / "isolation_tests", alone / "isolation_tests",
-                  fs::copy_options::overwrite_existing);
-    const auto run = kestrel::test::runProcess((alone / "isolation_tests").u8string(),
-                                               {"--gtest_filter=IsolationAlone.*"});
-    fs::remove_all(alone);
+    const kestrel::test::TestCopy alone(fs::u8path(kestrel::test::temporaryPath("alone")), "");
+    const auto run = alone.run({"--gtest_filter=IsolationAlone.*"});
     EXPECT_EQ(run.exitCode, 0) << run.out << run.err;
 }
 #endif

@@ -103,6 +103,29 @@ TEST(Merge, EveryPropertyFollowsItsGroupsRuleAndInputsStayUnchanged)
 #undef EXPECT_EMPTY
 }
 
+// Each record folds into the first one of its location, in the order they come
+// (equal-length names: the later wins), locations differing in their domain
+// alone stay apart, and a record with no counterpart is passed on as it is.
+TEST(Merge, RecordsFoldIntoTheFirstOfTheirLocationInOrder)
+{
+    const auto named = [](std::shared_ptr<GPU> gpu, const char* name) {
+        gpu->setName(std::string(name));
+        return gpu;
+    };
+    const auto alone = gpuAt(2);
+    auto third = named(gpuAt(1), "cc");
+    third->setCoreCount(std::uint32_t{5});
+    const auto otherDomain = std::make_shared<GPU>(pci::PciLocation(1, 0, 0, 1));
+    kestrel::test::LogCapture capture(kestrel::test::Priority::WARNING);
+    const auto merged = libKestrel::mergeGPUs(
+        {named(gpuAt(1), "aa"), alone, nullptr, named(gpuAt(1), "bb"), otherDomain, third});
+    EXPECT_EQ(kestrel::test::describe(merged),
+              (std::vector<std::string>{"0000:01:00.0 name=cc coreCount=5", "0000:02:00.0", "0001:01:00.0"}));
+    ASSERT_EQ(merged.size(), 3u);
+    EXPECT_EQ(merged[1], alone);
+    EXPECT_EQ(capture.of("libKestrel.Kestrel"), kestrel::test::Lines{"3|294 Could not obtain PCI Location from GPU"});
+}
+
 using MergeDeathTest = testing::Test;
 
 TEST(MergeDeathTest, MergingRecordsOfDifferentLocationsStopsTheProcess)

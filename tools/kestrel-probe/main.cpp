@@ -1,8 +1,12 @@
-// kestrel-probe: runs one of the library's GPU sources and writes its records,
-// its status bits and its log lines to standard output, for a host that keeps
+// kestrel-probe: runs one of the library's GPU sources and answers its records,
+// its status bits and its log lines on its answer pipe, for a host that keeps
 // vendor libraries out of its own process (queryAllGPUsIsolated). The format is
 // described in libKestrel/internal/isolation/ProbeFormat.h.
+#include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -11,43 +15,101 @@
 #include "tova/LogFactory.h"
 
 #if defined(_WIN32)
+#include <windows.h>
+#else
 #include <fcntl.h>
-#include <io.h>
+#include <unistd.h>
 #endif
 
 namespace {
 
+#if defined(_WIN32)
+using Pipe = HANDLE;
+#else
+using Pipe = int;
+#endif
+
 int usage(const char* problem)
 {
-    std::fprintf(stderr, "kestrel-probe: %s\nusage: kestrel-probe SOURCE [--log-level N]   (SOURCE:", problem);
+    std::fprintf(stderr,
+                 "kestrel-probe: %s\nusage: kestrel-probe SOURCE [--log-level N] [--answer-pipe N]   (SOURCE:",
+                 problem);
     for (const auto* source = libKestrel::ownSourcesBegin(); source != libKestrel::ownSourcesEnd(); ++source)
         std::fprintf(stderr, " %s", source->name);
     std::fprintf(stderr, ")\n");
     return 2;
 }
 
-void write(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+// The pipe named by "--answer-pipe N" (a descriptor, or a handle's value), kept
+// from the processes a vendor library may start; standard output without one.
+bool answerPipe(const char* named, Pipe& pipe)
+{
+#if defined(_WIN32)
+    pipe = GetStdHandle(STD_OUTPUT_HANDLE);
+#else
+    pipe = STDOUT_FILENO;
+#endif
+    if (!named)
+        return true;
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(named, &end, 10);
+    if (*end != '\0' || end == named)
+        return false;
+#if defined(_WIN32)
+    pipe = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(value));
+    return SetHandleInformation(pipe, HANDLE_FLAG_INHERIT, 0);
+#else
+    pipe = static_cast<int>(value);
+    return value <= INT_MAX && fcntl(pipe, F_SETFD, FD_CLOEXEC) == 0;
+#endif
+}
+
+Pipe answer{};
+
+// Straight to the pipe, unbuffered: each line is with the host before the
+// source goes on, so a crash loses nothing it said.
+void write(const std::string& text)
+{
+    for (std::size_t done = 0; done < text.size();) {
+#if defined(_WIN32)
+        DWORD written = 0;
+        if (!WriteFile(answer, text.data() + done, static_cast<DWORD>(text.size() - done), &written, nullptr))
+            return;
+#else
+        const ssize_t written = ::write(answer, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written < 0)
+            return;
+#endif
+        done += static_cast<std::size_t>(written);
+    }
+}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-#if defined(_WIN32)
-    _setmode(_fileno(stdout), _O_BINARY); // the lines end as written
-#endif
-    if (argc != 2 && argc != 4)
-        return usage("expected a source, and optionally --log-level N");
+    if (argc < 2 || argc % 2 != 0)
+        return usage("expected a source, and optionally --log-level N and --answer-pipe N");
     const libKestrel::OwnSource* source = libKestrel::findOwnSource(argv[1]);
     if (!source)
         return usage((std::string("unknown source '") + argv[1] + "'").c_str());
     int level = tova::LoggerPriority::CRITICAL;
-    if (argc == 4) {
+    const char* pipe = nullptr;
+    for (int i = 2; i < argc; i += 2) {
         char* end = nullptr;
-        level = static_cast<int>(std::strtol(argv[3], &end, 10));
-        if (std::strcmp(argv[2], "--log-level") != 0 || *end != '\0' || level < tova::LoggerPriority::ALL ||
+        if (std::strcmp(argv[i], "--answer-pipe") == 0) {
+            pipe = argv[i + 1];
+            continue;
+        }
+        level = static_cast<int>(std::strtol(argv[i + 1], &end, 10));
+        if (std::strcmp(argv[i], "--log-level") != 0 || *end != '\0' || level < tova::LoggerPriority::ALL ||
             level > tova::LoggerPriority::OFF)
             return usage("--log-level takes a priority from 0 to 5");
     }
+    if (!answerPipe(pipe, answer))
+        return usage("--answer-pipe takes an open descriptor or handle");
     tova::LogFactory::setPriority(static_cast<tova::LoggerPriority::LOGGER_PRIORITY>(level));
     tova::LogFactory::setSink([](const std::string& logger, tova::LoggerPriority::LOGGER_PRIORITY priority,
                                  const std::string& text) { write(libKestrel::probe::logLine(logger, priority, text)); });
@@ -55,6 +117,8 @@ int main(int argc, char** argv)
     std::bitset<4> status;
     const auto records = source->query(status);
     write(libKestrel::probe::records(records, status));
-    std::fflush(stdout);
+    // The answer is complete and the host has stopped reading: what is logged
+    // from here on (vendors' unloading) goes to standard error.
+    tova::LogFactory::setSink(nullptr);
     return 0;
 }

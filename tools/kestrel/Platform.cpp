@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 #if defined(_WIN32)
 #include <windows.h>
@@ -46,15 +47,29 @@ void setEnvironment(const std::string& name, const std::string& value)
 #endif
 }
 
-void prependSearchPath(const std::string& folders)
+void prependSearchPath(const std::vector<std::string>& folders)
 {
 #if defined(_WIN32)
     const char* const variable = "PATH";
+    const char separator = ';';
 #else
     const char* const variable = "LD_LIBRARY_PATH";
+    const char separator = ':';
 #endif
+    std::vector<std::string> entries(folders);
     const char* current = std::getenv(variable);
-    setEnvironment(variable, folders + (current ? current : ""));
+    std::istringstream inherited(current ? current : "");
+    for (std::string entry; std::getline(inherited, entry, separator);)
+        entries.push_back(entry);
+    std::string path;
+    for (const std::string& entry : entries) {
+        std::error_code error;
+        const auto absolute = std::filesystem::absolute(std::filesystem::u8path(entry), error);
+        if (entry.empty() || error)
+            continue;
+        path += (path.empty() ? "" : std::string(1, separator)) + absolute.u8string();
+    }
+    setEnvironment(variable, path);
 }
 
 void catchInterrupt()

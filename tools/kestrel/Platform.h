@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace kestrel {
 
@@ -18,14 +19,12 @@ void pointSysfsAt(const std::string& folder);
 // Sets an environment variable of this process, for itself and its children.
 void setEnvironment(const std::string& name, const std::string& value);
 
-// Puts 'folders' (each followed by the separator) before the module search path
-// that child processes inherit (LD_LIBRARY_PATH, PATH on Windows).
-#if defined(_WIN32)
-constexpr char searchPathSeparator = ';';
-#else
-constexpr char searchPathSeparator = ':';
-#endif
-void prependSearchPath(const std::string& folders);
+// Puts 'folders' before the module search path that child processes inherit
+// (LD_LIBRARY_PATH, PATH on Windows). Every entry of the result is an absolute
+// path: relative ones (the inherited path's too) are made absolute against the
+// current folder, and empty ones, which the Linux loader reads as the current
+// folder, are left out.
+void prependSearchPath(const std::vector<std::string>& folders);
 
 // Lets Ctrl-C (or SIGTERM) end a --watch loop or a server cleanly; true once it came.
 void catchInterrupt();

@@ -65,9 +65,9 @@ Simulation::Simulation(std::string& error)
         }
     }
     // Child processes (an isolated query's) find the same modules on their search path.
-    std::string folders;
+    std::vector<std::string> folders;
     for (const char* folder : moduleFolders)
-        folders += (root / folder).u8string() + searchPathSeparator;
+        folders.push_back((root / folder).u8string());
     prependSearchPath(folders);
     if (modules_.empty())
         error = "no simulated vendor module found in " + root.u8string();

@@ -1,7 +1,6 @@
 #include "libKestrel/Isolated.h"
 
 #include <cstdio>
-#include <filesystem>
 #include <string>
 
 #include "libKestrel/internal/Kestrel.h"
@@ -9,61 +8,20 @@
 #include "libKestrel/internal/Main.h"
 #include "libKestrel/internal/SourceTable.h"
 #include "libKestrel/internal/isolation/ChildProcess.h"
+#include "libKestrel/internal/isolation/HelperProgram.h"
+#include "libKestrel/internal/isolation/LogForwarding.h"
+#include "libKestrel/internal/isolation/Process.h"
 #include "libKestrel/internal/isolation/ProbeFormat.h"
 #include "tova/LogFactory.h"
-
-#if defined(_WIN32)
-#include <windows.h>
-#else
-#include <dlfcn.h>
-#endif
 
 namespace libKestrel {
 namespace {
 
 using logging::log;
 using logging::Priority;
-namespace fs = std::filesystem;
 using isolation::ChildEnd;
 
 logging::LogSite site("libKestrel.Isolation", "libKestrel/src/isolation/IsolatedQuery.cpp");
-
-// The folder of the module this code is in: the library, or a program that
-// holds it whole.
-fs::path moduleFolder()
-{
-#if defined(_WIN32)
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCWSTR>(&moduleFolder), &module);
-    wchar_t path[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(module, path, MAX_PATH);
-    return fs::path(std::wstring(path, length)).parent_path();
-#else
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&moduleFolder), &info) == 0 || !info.dli_fname)
-        return {};
-    return fs::u8path(info.dli_fname).parent_path();
-#endif
-}
-
-// kestrel-probe beside the library, or in its own folder there (Linux installs
-// it below the library folder).
-std::optional<fs::path> probeProgram()
-{
-#if defined(_WIN32)
-    const char* const name = "kestrel-probe.exe";
-#else
-    const char* const name = "kestrel-probe";
-#endif
-    const fs::path folder = moduleFolder();
-    for (const fs::path& candidate : {folder / name, folder / "libKestrel" / name}) {
-        std::error_code error;
-        if (fs::is_regular_file(candidate, error))
-            return candidate;
-    }
-    return std::nullopt;
-}
 
 // What became of one source's child, as its log line says it.
 std::string outcome(const ChildEnd& end, const std::string& problem)
@@ -73,6 +31,8 @@ std::string outcome(const ChildEnd& end, const std::string& problem)
         return "could not be started: " + end.problem;
     case ChildEnd::How::overdue:
         return "did not end by the deadline and was stopped";
+    case ChildEnd::How::tooLong:
+        return "answered more than " + std::to_string(probe::mostAnswer) + " bytes and was stopped";
     case ChildEnd::How::crashed: {
 #if defined(_WIN32)
         char code[16];
@@ -85,6 +45,8 @@ std::string outcome(const ChildEnd& end, const std::string& problem)
     case ChildEnd::How::exited:
         if (end.code != 0)
             return "ended with exit code " + std::to_string(end.code);
+        [[fallthrough]];
+    case ChildEnd::How::unknown:
         return "gave output that does not parse: " + problem;
     }
     return problem;
@@ -97,19 +59,22 @@ std::vector<std::shared_ptr<IGPU>> queryAllGPUsIsolated(const std::vector<Monito
                                                         std::bitset<4>& status, std::chrono::milliseconds deadline)
 {
     auto trace = site.trace("queryAllGPUsIsolated", 110);
-    const auto probe = probeProgram();
+    const isolation::HelperProgram& helper = isolation::helperProgram();
+    // Only a regular file that may be run, where the helper was at load.
+    const bool runnable = helper.program && isolation::Process::isProgram(helper.program->u8string());
     // One child per own source, all started together.
     std::vector<std::vector<std::string>> commands;
     std::vector<int> childOf(gpuQueriers.size(), -1);
     for (std::size_t i = 0; i < gpuQueriers.size(); ++i) {
         const OwnSource* own = gpuQueriers[i] ? findOwnSource(gpuQueriers[i]) : nullptr;
-        if (!own || !probe)
+        if (!own || !runnable)
             continue;
         childOf[i] = static_cast<int>(commands.size());
-        commands.push_back({probe->u8string(), own->name, "--log-level",
+        commands.push_back({helper.program->u8string(), own->name, "--log-level",
                             std::to_string(static_cast<int>(tova::LogFactory::getPriority()))});
     }
-    const std::vector<ChildEnd> ends = isolation::runChildren(commands, deadline);
+    const std::vector<ChildEnd> ends =
+        isolation::runChildren(commands, deadline, {probe::mostAnswer, probe::complete});
 
     std::vector<std::shared_ptr<IGPU>> all = queryAvailableMonitorInfo(monitorQueriers);
     for (std::size_t i = 0; i < gpuQueriers.size(); ++i) {
@@ -121,18 +86,19 @@ std::vector<std::shared_ptr<IGPU>> queryAllGPUsIsolated(const std::vector<Monito
             all.insert(all.end(), records.begin(), records.end());
             continue;
         }
-        if (!probe) {
+        if (!runnable) {
             log(site, Priority::CRITICAL, "140 ", "The helper program kestrel-probe is not beside the library in ",
-                moduleFolder().u8string(), ", not querying source ", own->name);
+                helper.folder.u8string(), ", not querying source ", own->name);
             continue;
         }
         const ChildEnd& end = ends[static_cast<std::size_t>(childOf[i])];
         std::string problem;
-        const probe::Output output = probe::parse(end.output, problem);
+        const probe::Output output = probe::parse(end.answer, problem);
         for (const probe::LogLine& line : output.logs)
-            tova::LogFactory::write(line.logger, static_cast<tova::LoggerPriority::LOGGER_PRIORITY>(line.priority),
-                                    line.text);
-        if (end.how != ChildEnd::How::exited || end.code != 0 || !problem.empty()) {
+            isolation::forward(line);
+        // How it ended is lost when the host collected it itself: its answer tells.
+        const bool endedWell = end.how == ChildEnd::How::unknown || (end.how == ChildEnd::How::exited && end.code == 0);
+        if (!endedWell || !problem.empty()) {
             log(site, Priority::CRITICAL, "152 ", "Source ", own->name, " ", outcome(end, problem),
                 "; its records are left out");
             continue;

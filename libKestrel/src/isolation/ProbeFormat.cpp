@@ -94,6 +94,12 @@ bool setProperty(GPU& gpu, const std::string& name, const std::string& value)
 
 } // namespace
 
+bool complete(std::string_view answer)
+{
+    constexpr std::string_view last = "\ndone\n";
+    return answer.size() >= last.size() && answer.substr(answer.size() - last.size()) == last;
+}
+
 std::string header() { return "kestrel-probe 1\n"; }
 
 std::string logLine(const std::string& logger, int priority, const std::string& text)

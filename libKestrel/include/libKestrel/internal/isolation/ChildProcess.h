@@ -1,31 +1,43 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace libKestrel::isolation {
 
-// How a child ended, and what it wrote to its standard output.
+// How a child ended, and what it answered.
 struct ChildEnd {
     enum class How {
         exited,     // 'code' is its exit code
         crashed,    // 'code' is the signal (Linux) or the exception code (Windows)
-        overdue,    // still running at the deadline: killed
+        overdue,    // still running at the deadline: stopped
+        tooLong,    // it answered more than an answer may hold: stopped
         notStarted, // 'problem' says why
+        unknown,    // it ended, and the host collected it itself: how is lost
     };
     How how = How::notStarted;
     long code = 0;
-    std::string output;
+    std::string answer; // what it wrote on its answer pipe
     std::string problem;
 };
 
-// Runs every command (a program's path and its arguments) as a child process,
-// side by side, collecting each one's standard output, until each has ended or
-// the deadline has passed, when those still running are killed. Every child is
-// waited for and every pipe closed before this returns, a short while after the
-// deadline at most.
+// What an answer is: at most 'most' bytes, and complete once 'complete' says so.
+struct AnswerRules {
+    std::size_t most;
+    bool (*complete)(std::string_view answer);
+};
+
+// Runs every command (a program's path and its arguments) as a child process
+// (isolation/Process.h), side by side, collecting each one's answer, until each
+// has ended or the deadline has passed; those still running then are stopped.
+// A child's answer is read until it is complete, not until the pipe's end (a
+// process the child started may hold that open). Returns a short while after
+// the deadline at most: a child that does not end once stopped is collected by
+// a later call. The deadline saturates: the longest waits for every child.
 std::vector<ChildEnd> runChildren(const std::vector<std::vector<std::string>>& commands,
-                                  std::chrono::milliseconds deadline);
+                                  std::chrono::milliseconds deadline, const AnswerRules& rules);
 
 } // namespace libKestrel::isolation
