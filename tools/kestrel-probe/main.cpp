@@ -1,7 +1,9 @@
 // kestrel-probe: runs one of the library's GPU sources and answers its records,
 // its status bits and its log lines on its answer pipe, for a host that keeps
-// vendor libraries out of its own process (queryAllGPUsIsolated). The format is
-// described in libKestrel/internal/isolation/ProbeFormat.h.
+// vendor libraries out of its own process (queryAllGPUsIsolated). Given a
+// request pipe, it serves an isolated session instead, until the requests end
+// (libKestrel/internal/isolation/ProbeSession.h). The format is described in
+// libKestrel/internal/isolation/ProbeFormat.h.
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -12,6 +14,7 @@
 
 #include "libKestrel/internal/SourceTable.h"
 #include "libKestrel/internal/isolation/ProbeFormat.h"
+#include "libKestrel/internal/isolation/ProbeSession.h"
 #include "tova/LogFactory.h"
 
 #if defined(_WIN32)
@@ -32,7 +35,8 @@ using Pipe = int;
 int usage(const char* problem)
 {
     std::fprintf(stderr,
-                 "kestrel-probe: %s\nusage: kestrel-probe SOURCE [--log-level N] [--answer-pipe N]   (SOURCE:",
+                 "kestrel-probe: %s\nusage: kestrel-probe SOURCE [--log-level N] [--answer-pipe N] "
+                 "[--request-pipe N]   (SOURCE:",
                  problem);
     for (const auto* source = libKestrel::ownSourcesBegin(); source != libKestrel::ownSourcesEnd(); ++source)
         std::fprintf(stderr, " %s", source->name);
@@ -40,15 +44,12 @@ int usage(const char* problem)
     return 2;
 }
 
-// The pipe named by "--answer-pipe N" (a descriptor, or a handle's value), kept
-// from the processes a vendor library may start; standard output without one.
-bool answerPipe(const char* named, Pipe& pipe)
+// The pipe named by "--answer-pipe N" or "--request-pipe N" (a descriptor, or a
+// handle's value), kept from the processes a vendor library may start;
+// 'otherwise' without one.
+bool namedPipe(const char* named, Pipe otherwise, Pipe& pipe)
 {
-#if defined(_WIN32)
-    pipe = GetStdHandle(STD_OUTPUT_HANDLE);
-#else
-    pipe = STDOUT_FILENO;
-#endif
+    pipe = otherwise;
     if (!named)
         return true;
     char* end = nullptr;
@@ -65,6 +66,7 @@ bool answerPipe(const char* named, Pipe& pipe)
 }
 
 Pipe answer{};
+Pipe requests{};
 
 // Straight to the pipe, unbuffered: each line is with the host before the
 // source goes on, so a crash loses nothing it said.
@@ -86,6 +88,33 @@ void write(const std::string& text)
     }
 }
 
+// The next request line, without its end; false when the requests end.
+bool nextRequest(std::string& line)
+{
+    static std::string pending;
+    line.clear();
+    for (;;) {
+        if (const auto end = pending.find('\n'); end != std::string::npos) {
+            line = pending.substr(0, end);
+            pending.erase(0, end + 1);
+            return true;
+        }
+        char buffer[4096];
+#if defined(_WIN32)
+        DWORD got = 0;
+        if (!ReadFile(requests, buffer, sizeof buffer, &got, nullptr) || got == 0)
+            return false;
+#else
+        const ssize_t got = ::read(requests, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return false;
+#endif
+        pending.append(buffer, static_cast<std::size_t>(got));
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -97,10 +126,15 @@ int main(int argc, char** argv)
         return usage((std::string("unknown source '") + argv[1] + "'").c_str());
     int level = tova::LoggerPriority::CRITICAL;
     const char* pipe = nullptr;
+    const char* requestPipe = nullptr;
     for (int i = 2; i < argc; i += 2) {
         char* end = nullptr;
         if (std::strcmp(argv[i], "--answer-pipe") == 0) {
             pipe = argv[i + 1];
+            continue;
+        }
+        if (std::strcmp(argv[i], "--request-pipe") == 0) {
+            requestPipe = argv[i + 1];
             continue;
         }
         level = static_cast<int>(std::strtol(argv[i + 1], &end, 10));
@@ -108,11 +142,20 @@ int main(int argc, char** argv)
             level > tova::LoggerPriority::OFF)
             return usage("--log-level takes a priority from 0 to 5");
     }
-    if (!answerPipe(pipe, answer))
-        return usage("--answer-pipe takes an open descriptor or handle");
+#if defined(_WIN32)
+    const Pipe output = GetStdHandle(STD_OUTPUT_HANDLE);
+#else
+    const Pipe output = STDOUT_FILENO;
+#endif
+    if (!namedPipe(pipe, output, answer) || !namedPipe(requestPipe, Pipe{}, requests))
+        return usage("--answer-pipe and --request-pipe take an open descriptor or handle");
     tova::LogFactory::setPriority(static_cast<tova::LoggerPriority::LOGGER_PRIORITY>(level));
     tova::LogFactory::setSink([](const std::string& logger, tova::LoggerPriority::LOGGER_PRIORITY priority,
                                  const std::string& text) { write(libKestrel::probe::logLine(logger, priority, text)); });
+    if (requestPipe) {
+        libKestrel::probe::serveSession(*source, nextRequest, [](const std::string& text) { write(text); });
+        return 0;
+    }
     write(libKestrel::probe::header());
     std::bitset<4> status;
     const auto records = source->query(status);

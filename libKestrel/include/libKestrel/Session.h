@@ -36,18 +36,46 @@ namespace libKestrel {
 // Failures: a refresh or rescan that throws (no memory left, a host's own source
 // that throws) leaves the session as it was before the call: the last snapshot
 // stays, whole, and the next call starts from it.
+//
+// Isolated sessions (SessionOptions::isolate) run each of the library's own
+// sources in a helper process of its own (the kestrel-probe program beside the
+// library), which keeps its vendor open and answers each refresh and rescan
+// with what the source read; a host's own sources run in the host's process.
+// The records and their merging are those of a session in the host's process.
+// The helpers are asked side by side, each request with a deadline, so a
+// vendor that hangs delays a refresh by the deadline at most, and one that
+// crashes costs only its own source. A helper that misses the deadline, ends,
+// or answers what does not parse is stopped, said once (libKestrel.Session,
+// priority 4), and its source is down: its GPUs keep the properties that do not
+// change and lose their readings. A helper is started again after a back-off
+// (1 s at first, doubling at each failure up to 60 times that) by the refresh
+// that comes after it, which then enumerates anew; when it answers, the readings are back (priority 3). On Linux
+// a helper ends with the thread that started it (a later refresh on another
+// thread starts it again), and with the host on every platform.
+struct SessionOptions {
+    bool isolate = false;
+    // How long a helper may take to answer one request (isolated sessions).
+    std::chrono::milliseconds deadline = std::chrono::seconds(2);
+    // How long a source whose helper failed waits, at first, before a helper is
+    // started again (isolated sessions).
+    std::chrono::milliseconds backOff = std::chrono::seconds(1);
+};
+
 class LIBKESTREL_API Session {
 public:
     // How one source of the session stands.
     struct Source {
         std::string name; // "nvml", "nvapi", "cuda", "adl", ... or "host" for a host's own source
         bool up = false;  // its vendor library is open and its last enumeration or refresh worked
+        unsigned long restarts = 0; // how often its helper was started again (isolated sessions)
     };
 
     // Opens the vendor libraries of 'sources' (the library's own GPU sources, in
     // the order their records are merged; a host's own source is run at every
     // rescan and its records kept as they are) and enumerates.
     explicit Session(const std::vector<GPUQuerier>& sources);
+    // The same, isolated when 'options' say so.
+    Session(const std::vector<GPUQuerier>& sources, const SessionOptions& options);
     // Closes the session.
     ~Session();
     Session(const Session&) = delete;
@@ -71,6 +99,12 @@ public:
     std::vector<Source> sources() const;
     // How long the last refresh or rescan took.
     std::chrono::nanoseconds lastUpdateDuration() const;
+    // When the last refresh or rescan finished.
+    std::chrono::system_clock::time_point lastUpdate() const;
+    // Per GPU of gpus(), in the same order: whether it answered at the last
+    // refresh: false while a source that reads it found it no longer answering,
+    // or could not be reached (its helper down, its vendor gone).
+    std::vector<bool> answering() const;
 
 private:
     struct State;

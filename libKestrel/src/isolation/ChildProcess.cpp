@@ -1,8 +1,10 @@
 #include "libKestrel/internal/isolation/ChildProcess.h"
 
+#include <cstdio>
 #include <memory>
 
 #include "libKestrel/internal/isolation/Process.h"
+#include "libKestrel/internal/isolation/ProbeFormat.h"
 
 namespace libKestrel::isolation {
 namespace {
@@ -17,17 +19,6 @@ struct Child {
     bool stopping = false; // stopped, its end not seen yet
     bool finished = false;
 };
-
-// 'deadline' from now, saturated: a deadline past what the clock can count
-// waits for as long as it counts.
-Clock::time_point deadlineAfter(std::chrono::milliseconds deadline)
-{
-    const auto now = Clock::now();
-    if (deadline <= deadline.zero())
-        return now;
-    const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
-    return deadline >= room ? Clock::time_point::max() : now + deadline;
-}
 
 void stop(Child& child, ChildEnd::How how)
 {
@@ -61,6 +52,43 @@ void advance(Child& child, const AnswerRules& rules)
 }
 
 } // namespace
+
+Clock::time_point deadlineAfter(std::chrono::milliseconds deadline)
+{
+    const auto now = Clock::now();
+    if (deadline <= deadline.zero())
+        return now;
+    const auto room = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
+    return deadline >= room ? Clock::time_point::max() : now + deadline;
+}
+
+std::string describe(const ChildEnd& end, const std::string& problem, const char* overdue)
+{
+    switch (end.how) {
+    case ChildEnd::How::notStarted:
+        return "could not be started: " + end.problem;
+    case ChildEnd::How::overdue:
+        return overdue;
+    case ChildEnd::How::tooLong:
+        return "answered more than " + std::to_string(probe::mostAnswer) + " bytes and was stopped";
+    case ChildEnd::How::crashed: {
+#if defined(_WIN32)
+        char code[16];
+        std::snprintf(code, sizeof code, "0x%08lx", static_cast<unsigned long>(end.code));
+        return std::string("crashed with exception ") + code;
+#else
+        return "crashed with signal " + std::to_string(end.code);
+#endif
+    }
+    case ChildEnd::How::exited:
+        if (end.code != 0)
+            return "ended with exit code " + std::to_string(end.code);
+        [[fallthrough]];
+    case ChildEnd::How::unknown:
+        return "gave output that does not parse: " + problem;
+    }
+    return problem;
+}
 
 std::vector<ChildEnd> runChildren(const std::vector<std::vector<std::string>>& commands,
                                   std::chrono::milliseconds deadline, const AnswerRules& rules)

@@ -1,6 +1,5 @@
 #include "libKestrel/Isolated.h"
 
-#include <cstdio>
 #include <string>
 
 #include "libKestrel/internal/Kestrel.h"
@@ -22,35 +21,6 @@ using logging::Priority;
 using isolation::ChildEnd;
 
 logging::LogSite site("libKestrel.Isolation", "libKestrel/src/isolation/IsolatedQuery.cpp");
-
-// What became of one source's child, as its log line says it.
-std::string outcome(const ChildEnd& end, const std::string& problem)
-{
-    switch (end.how) {
-    case ChildEnd::How::notStarted:
-        return "could not be started: " + end.problem;
-    case ChildEnd::How::overdue:
-        return "did not end by the deadline and was stopped";
-    case ChildEnd::How::tooLong:
-        return "answered more than " + std::to_string(probe::mostAnswer) + " bytes and was stopped";
-    case ChildEnd::How::crashed: {
-#if defined(_WIN32)
-        char code[16];
-        std::snprintf(code, sizeof code, "0x%08lx", static_cast<unsigned long>(end.code));
-        return std::string("crashed with exception ") + code;
-#else
-        return "crashed with signal " + std::to_string(end.code);
-#endif
-    }
-    case ChildEnd::How::exited:
-        if (end.code != 0)
-            return "ended with exit code " + std::to_string(end.code);
-        [[fallthrough]];
-    case ChildEnd::How::unknown:
-        return "gave output that does not parse: " + problem;
-    }
-    return problem;
-}
 
 } // namespace
 
@@ -99,7 +69,7 @@ std::vector<std::shared_ptr<IGPU>> queryAllGPUsIsolated(const std::vector<Monito
         // How it ended is lost when the host collected it itself: its answer tells.
         const bool endedWell = end.how == ChildEnd::How::unknown || (end.how == ChildEnd::How::exited && end.code == 0);
         if (!endedWell || !problem.empty()) {
-            log(site, Priority::CRITICAL, "152 ", "Source ", own->name, " ", outcome(end, problem),
+            log(site, Priority::CRITICAL, "152 ", "Source ", own->name, " ", isolation::describe(end, problem),
                 "; its records are left out");
             continue;
         }

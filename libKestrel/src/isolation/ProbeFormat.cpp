@@ -1,6 +1,7 @@
 #include "libKestrel/internal/isolation/ProbeFormat.h"
 
 #include <charconv>
+#include <optional>
 #include <cstdint>
 #include <sstream>
 #include <type_traits>
@@ -107,25 +108,70 @@ std::string logLine(const std::string& logger, int priority, const std::string& 
     return "log " + std::to_string(priority) + " " + (logger.empty() ? "-" : logger) + " " + escaped(text) + "\n";
 }
 
+namespace {
+
+// Every property the record has, a line each.
+void writeProperties(std::ostringstream& out, const IGPU& gpu)
+{
+#define LIBKESTREL_PROBE_WRITE(type, getter, setter, unit)                                                     \
+    if constexpr (!std::is_pointer_v<type>) {                                                                  \
+        if (const auto value = gpu.getter())                                                                   \
+            out << #getter << ' ' << written(*value) << '\n';                                                  \
+    }
+    LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_PROBE_WRITE)
+#undef LIBKESTREL_PROBE_WRITE
+}
+
+// The records with a location (the merge would drop the others), those that
+// 'read' marks with "reads", then the status.
+void writeRecords(std::ostringstream& out, const std::vector<std::shared_ptr<IGPU>>& gpus,
+                  const std::vector<bool>* read, const std::bitset<4>& status)
+{
+    for (std::size_t i = 0; i < gpus.size(); ++i) {
+        const auto location = gpus[i] ? gpus[i]->pciLocation() : std::nullopt;
+        if (!location)
+            continue;
+        out << "gpu " << location->domain << ' ' << int(location->bus) << ' ' << int(location->device) << ' '
+            << int(location->function) << '\n';
+        writeProperties(out, *gpus[i]);
+        if (read && i < read->size() && (*read)[i])
+            out << "reads\n";
+        out << "end\n";
+    }
+    out << "status " << status.to_string() << '\n';
+}
+
+} // namespace
+
 std::string records(const std::vector<std::shared_ptr<IGPU>>& gpus, const std::bitset<4>& status)
 {
     std::ostringstream out;
-    for (const auto& gpu : gpus) {
-        const auto location = gpu ? gpu->pciLocation() : std::nullopt;
-        if (!location)
-            continue; // the merge would drop it
-        out << "gpu " << location->domain << ' ' << int(location->bus) << ' ' << int(location->device) << ' '
-            << int(location->function) << '\n';
-#define LIBKESTREL_PROBE_WRITE(type, getter, setter, unit)                                                     \
-    if constexpr (!std::is_pointer_v<type>) {                                                                  \
-        if (const auto value = gpu->getter())                                                                  \
-            out << #getter << ' ' << written(*value) << '\n';                                                  \
-    }
-        LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_PROBE_WRITE)
-#undef LIBKESTREL_PROBE_WRITE
+    writeRecords(out, gpus, nullptr, status);
+    out << "done\n";
+    return out.str();
+}
+
+std::string enumeration(const std::vector<std::shared_ptr<IGPU>>& gpus, const std::vector<bool>& read, bool open,
+                        const std::bitset<4>& status)
+{
+    std::ostringstream out;
+    writeRecords(out, gpus, &read, status);
+    if (open)
+        out << "open\n";
+    out << "done\n";
+    return out.str();
+}
+
+std::string readings(bool reached, const std::vector<std::pair<std::size_t, const IGPU*>>& gpus)
+{
+    std::ostringstream out;
+    out << "reached " << (reached ? 1 : 0) << '\n';
+    for (const auto& [place, gpu] : gpus) {
+        out << "readings " << place << '\n';
+        writeProperties(out, *gpu);
         out << "end\n";
     }
-    out << "status " << status.to_string() << "\ndone\n";
+    out << "done\n";
     return out.str();
 }
 
@@ -135,6 +181,8 @@ Output parse(const std::string& text, std::string& problem)
     std::istringstream lines(text);
     std::string line;
     std::shared_ptr<GPU> gpu;
+    bool reads = false;               // the record being read is marked "reads"
+    std::optional<std::size_t> place; // the readings being read are of this record
     int number = 0;
     bool done = false;
     const auto fail = [&problem, &number](const std::string& why) {
@@ -167,12 +215,36 @@ Output parse(const std::string& text, std::string& problem)
         }
         if (gpu) {
             if (item == "end") {
-                output.records.push_back(gpu);
+                if (place) {
+                    output.readings.emplace_back(*place, gpu);
+                } else {
+                    output.records.push_back(gpu);
+                    output.readers.push_back(reads);
+                }
                 gpu.reset();
+                place.reset();
+                reads = false;
                 return true;
             }
+            if (item == "reads" && !place)
+                return reads = true;
             return setProperty(*gpu, word, rest) || fail("not a property: " + word);
         }
+        if (word == "readings") {
+            const auto index = probe::read<std::size_t>(rest);
+            if (!index)
+                return fail("not a record's place: " + rest);
+            place = *index;
+            gpu = std::make_shared<GPU>(pci::PciLocation());
+            return true;
+        }
+        if (word == "reached") {
+            const auto reached = probe::read<bool>(rest);
+            output.reached = reached;
+            return reached.has_value() || fail("not a flag: " + rest);
+        }
+        if (item == "open")
+            return output.open = true;
         if (word == "gpu") {
             std::istringstream fields(rest);
             unsigned long domain = 0;

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -24,8 +25,10 @@ extern char** environ;
 namespace libKestrel::isolation {
 namespace {
 
-// The child's answer pipe: the first descriptor after the standard three.
+// The child's answer pipe, the first descriptor after the standard three, then
+// its request pipe when it takes requests.
 constexpr int answerDescriptor = 3;
+constexpr int requestDescriptor = 4;
 
 // Everything the child uses between its creation and exec, made beforehand: in
 // a copy of a process that may have other threads it makes system calls only.
@@ -37,17 +40,18 @@ struct Setup {
     int input;   // /dev/null
     int output;  // the host's standard error
     int answer;  // the write end of the answer pipe
+    int request; // the read end of the request pipe, or -1
     int failure; // carries exec's error to the parent; closed by a successful exec
     long openMost; // descriptors to close one by one where close_range is missing
 };
 
-// Moves a descriptor to 4 or above, so that the child's moves onto 0 to 3 never
+// Moves a descriptor to 5 or above, so that the child's moves onto 0 to 4 never
 // overwrite one it has still to move. -1 stays -1.
-int liftedAboveAnswer(int descriptor)
+int liftedAboveChilds(int descriptor)
 {
-    if (descriptor < 0 || descriptor > answerDescriptor)
+    if (descriptor < 0 || descriptor > requestDescriptor)
         return descriptor;
-    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, answerDescriptor + 1);
+    const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, requestDescriptor + 1);
     close(descriptor);
     return moved;
 }
@@ -76,7 +80,9 @@ void closeAllFrom(int first, int kept, long openMost)
     dup2(setup.output, STDOUT_FILENO);
     dup2(setup.output, STDERR_FILENO);
     dup2(setup.answer, answerDescriptor);
-    closeAllFrom(answerDescriptor + 1, setup.failure, setup.openMost);
+    if (setup.request >= 0)
+        dup2(setup.request, requestDescriptor);
+    closeAllFrom(setup.request >= 0 ? requestDescriptor + 1 : answerDescriptor + 1, setup.failure, setup.openMost);
     // Default actions: the host's handlers are not in the program about to
     // run, and signals it ignores (SIGCHLD, SIGPIPE) would stay ignored.
     struct sigaction standard {};
@@ -149,43 +155,53 @@ Abandoned& abandoned()
 
 } // namespace
 
-Process::Process(const std::vector<std::string>& command, std::string& problem)
+Process::Process(const std::vector<std::string>& command, std::string& problem, bool requests)
 {
     std::vector<std::string> arguments(command);
     arguments.insert(arguments.end(), {"--answer-pipe", std::to_string(answerDescriptor)});
+    if (requests)
+        arguments.insert(arguments.end(), {"--request-pipe", std::to_string(requestDescriptor)});
     std::vector<char*> argv;
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);
 
     int answerEnds[2] = {-1, -1};
+    int requestEnds[2] = {-1, -1};
     int failureEnds[2] = {-1, -1};
     int input = -1;
     int output = -1;
     ScopeExit closeTemporaries([&] {
-        for (const int descriptor : {answerEnds[1], failureEnds[0], failureEnds[1], input, output})
+        for (const int descriptor : {answerEnds[1], requestEnds[1], failureEnds[0], failureEnds[1], input, output})
             if (descriptor >= 0)
                 close(descriptor);
     });
-    if (pipe2(answerEnds, O_CLOEXEC) != 0 || pipe2(failureEnds, O_CLOEXEC) != 0) {
+    // Requests go through a socket, which a write to a child that is gone
+    // answers with an error instead of SIGPIPE.
+    if (pipe2(answerEnds, O_CLOEXEC) != 0 || pipe2(failureEnds, O_CLOEXEC) != 0 ||
+        (requests && socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, requestEnds) != 0)) {
         problem = failure("cannot make a pipe", errno);
         return;
     }
     answer_ = answerEnds[0];
     fcntl(answer_, F_SETFL, O_NONBLOCK);
-    input = liftedAboveAnswer(open("/dev/null", O_RDWR | O_CLOEXEC));
-    output = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, answerDescriptor + 1);
+    requests_ = requestEnds[0];
+    if (requests_ >= 0)
+        fcntl(requests_, F_SETFL, O_NONBLOCK);
+    input = liftedAboveChilds(open("/dev/null", O_RDWR | O_CLOEXEC));
+    output = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, requestDescriptor + 1);
     if (output < 0 && input >= 0)
-        output = fcntl(input, F_DUPFD_CLOEXEC, answerDescriptor + 1); // a host without standard error
-    answerEnds[1] = liftedAboveAnswer(answerEnds[1]);
-    failureEnds[1] = liftedAboveAnswer(failureEnds[1]);
-    if (input < 0 || output < 0 || answerEnds[1] < 0 || failureEnds[1] < 0) {
+        output = fcntl(input, F_DUPFD_CLOEXEC, requestDescriptor + 1); // a host without standard error
+    answerEnds[1] = liftedAboveChilds(answerEnds[1]);
+    requestEnds[1] = liftedAboveChilds(requestEnds[1]);
+    failureEnds[1] = liftedAboveChilds(failureEnds[1]);
+    if (input < 0 || output < 0 || answerEnds[1] < 0 || (requests && requestEnds[1] < 0) || failureEnds[1] < 0) {
         problem = failure("cannot prepare its descriptors", errno);
         return;
     }
 
     const Setup setup{command.front().c_str(), argv.data(), environ, getpid(), input, output,
-                      answerEnds[1], failureEnds[1], sysconf(_SC_OPEN_MAX)};
+                      answerEnds[1], requestEnds[1], failureEnds[1], sysconf(_SC_OPEN_MAX)};
     // No handler of the host's may run in the child before exec.
     sigset_t all;
     sigset_t previous;
@@ -242,6 +258,26 @@ void Process::closeAnswer()
 }
 
 bool Process::reading() const { return answer_ >= 0; }
+
+bool Process::request(const std::string& line)
+{
+    for (std::size_t sent = 0; requests_ >= 0 && sent < line.size();) {
+        const ssize_t got = send(requests_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        sent += static_cast<std::size_t>(got);
+    }
+    return requests_ >= 0;
+}
+
+void Process::closeRequests()
+{
+    if (requests_ >= 0)
+        close(requests_);
+    requests_ = -1;
+}
 
 std::optional<ProcessEnd> Process::ended()
 {

@@ -103,21 +103,28 @@ Abandoned& abandoned()
 
 } // namespace
 
-Process::Process(const std::vector<std::string>& command, std::string& problem)
+Process::Process(const std::vector<std::string>& command, std::string& problem, bool requests)
 {
     HANDLE readEnd = nullptr;
     HANDLE writeEnd = nullptr;
-    if (!CreatePipe(&readEnd, &writeEnd, nullptr, 0)) {
+    HANDLE requestEnd = nullptr; // the child's end of the request pipe
+    if (!CreatePipe(&readEnd, &writeEnd, nullptr, 0) ||
+        (requests && !CreatePipe(&requestEnd, &requests_, nullptr, 0))) {
         problem = failure("cannot make a pipe");
+        if (readEnd)
+            CloseHandle(readEnd);
+        if (writeEnd)
+            CloseHandle(writeEnd);
         return;
     }
     answer_ = readEnd;
     // What the child gets: inheritable copies of its answer pipe, of an empty
-    // input and of the host's standard error, closed here once it has them.
-    HANDLE handed[3] = {inheritableCopy(writeEnd), nullptr, nullptr};
+    // input, of the host's standard error and of its request pipe, closed here
+    // once it has them.
+    HANDLE handed[4] = {inheritableCopy(writeEnd), nullptr, nullptr, requests ? inheritableCopy(requestEnd) : nullptr};
     PROCESS_INFORMATION started{};
     ScopeExit closeTemporaries([&] {
-        for (HANDLE handle : {writeEnd, handed[0], handed[1], handed[2], started.hThread})
+        for (HANDLE handle : {writeEnd, requestEnd, handed[0], handed[1], handed[2], handed[3], started.hThread})
             if (handle)
                 CloseHandle(handle);
     });
@@ -128,7 +135,7 @@ Process::Process(const std::vector<std::string>& command, std::string& problem)
         handed[1] = nullptr;
     const HANDLE error = GetStdHandle(STD_ERROR_HANDLE);
     handed[2] = inheritableCopy(error && error != INVALID_HANDLE_VALUE ? error : handed[1]);
-    if (!handed[0] || !handed[1] || !handed[2]) {
+    if (!handed[0] || !handed[1] || !handed[2] || (requests && !handed[3])) {
         problem = failure("cannot prepare its handles");
         return;
     }
@@ -143,7 +150,8 @@ Process::Process(const std::vector<std::string>& command, std::string& problem)
         return;
     }
     ScopeExit deleteList([attributes] { DeleteProcThreadAttributeList(attributes); });
-    if (!UpdateProcThreadAttribute(attributes, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handed, sizeof handed, nullptr,
+    const SIZE_T handedSize = (requests ? 4 : 3) * sizeof(HANDLE);
+    if (!UpdateProcThreadAttribute(attributes, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handed, handedSize, nullptr,
                                    nullptr)) {
         problem = failure("cannot list its handles");
         return;
@@ -160,6 +168,8 @@ Process::Process(const std::vector<std::string>& command, std::string& problem)
     for (const std::string& argument : command)
         line += (line.empty() ? L"" : L" ") + quoted(argument);
     line += L" --answer-pipe " + std::to_wstring(reinterpret_cast<std::uintptr_t>(handed[0]));
+    if (requests)
+        line += L" --request-pipe " + std::to_wstring(reinterpret_cast<std::uintptr_t>(handed[3]));
     // Started suspended, so that it is in its job before it can start anything.
     const auto create = [&](const std::wstring& program) {
         return CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE,
@@ -211,6 +221,24 @@ void Process::closeAnswer()
 }
 
 bool Process::reading() const { return answer_ != nullptr; }
+
+bool Process::request(const std::string& line)
+{
+    for (std::size_t sent = 0; requests_ && sent < line.size();) {
+        DWORD written = 0;
+        if (!WriteFile(requests_, line.data() + sent, static_cast<DWORD>(line.size() - sent), &written, nullptr))
+            return false; // the child has let go of its end
+        sent += written;
+    }
+    return requests_ != nullptr;
+}
+
+void Process::closeRequests()
+{
+    if (requests_)
+        CloseHandle(requests_);
+    requests_ = nullptr;
+}
 
 std::optional<ProcessEnd> Process::ended()
 {

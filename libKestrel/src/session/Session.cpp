@@ -9,12 +9,20 @@
 #include "libKestrel/internal/LiveSource.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/SourceTable.h"
+#include "libKestrel/internal/isolation/ChildProcess.h"
+#include "libKestrel/internal/session/RemoteSource.h"
 
 // Every update is made aside and swapped in whole: a rescan builds new sources
 // while the old ones still hold their vendors (so a vendor's second load and
 // initialisation only count), and a refresh reads into each source's spare
 // readings. An exception on the way (no memory, a host's source that throws)
 // leaves the sources, the readings and the snapshot as they were.
+//
+// An isolated session has each own source run by a helper (RemoteSource): the
+// helper's enumeration gives the source's records and readers that take what
+// the helper answers to each refresh, so that the records and their merging
+// are those of an in-process session. The helpers are asked first, all of them,
+// and their answers taken after, each by the same deadline.
 
 namespace libKestrel {
 namespace {
@@ -34,12 +42,22 @@ struct Readings {
     std::vector<char> silent;
     Records records; // the source's records, with those readings
     bool up = false;
+    bool reached = true; // the vendor (or the source's helper) answered the last read
+};
+
+// A source as given to the session.
+struct Given {
+    GPUQuerier query = nullptr;
+    const OwnSource* own = nullptr;                 // null for a host's own source
+    std::shared_ptr<session::RemoteSource> remote; // its helper, for an own source of an isolated session
 };
 
 // One source as the session keeps it between refreshes.
 struct Kept {
     GPUQuerier query = nullptr;
     const OwnSource* own = nullptr;  // null for a host's own source
+    std::shared_ptr<session::RemoteSource> remote;
+    unsigned long generation = 0;    // which of the helper's enumerations it holds
     std::optional<LiveSource> live;  // for a source read through handles
     std::vector<std::size_t> merged; // per record: its place among the merged GPUs
     bool enumerated = false;         // its last enumeration worked
@@ -55,30 +73,66 @@ struct Kept {
     std::size_t readers() const { return live ? live->gpus.size() : 0; }
 };
 
-Kept enumerate(GPUQuerier query, const OwnSource* own, std::bitset<4>& status)
+// The source's records and readings as its live source enumerated them.
+void takeLive(Kept& kept, LiveSource live)
 {
-    Kept kept;
-    kept.query = query;
-    kept.own = own;
-    if (own && own->live) {
-        kept.live = own->live(status);
-        for (const LiveGPU& gpu : kept.live->gpus) {
-            kept.now.records.push_back(gpu.record);
-            kept.now.values.emplace_back(*gpu.record->pciLocation());
-        }
-        kept.now.silent.assign(kept.live->gpus.size(), 0);
-        kept.next = kept.now;
-    } else {
-        kept.now.records = query(status);
+    kept.live = std::move(live);
+    for (const LiveGPU& gpu : kept.live->gpus) {
+        kept.now.records.push_back(gpu.record);
+        kept.now.values.emplace_back(*gpu.record->pciLocation());
     }
+    kept.now.silent.assign(kept.live->gpus.size(), 0);
+    kept.next = kept.now;
+}
+
+// A source enumerated, in the host's process or, through its helper, out of it;
+// 'enumerated' says whether it worked.
+Kept settled(Kept kept)
+{
     kept.enumerated = (kept.live && kept.live->vendor) || !kept.now.records.empty();
     kept.now.up = kept.enumerated;
     return kept;
 }
 
+Kept enumerate(const Given& given, std::bitset<4>& status)
+{
+    Kept kept;
+    kept.query = given.query;
+    kept.own = given.own;
+    if (given.own && given.own->live)
+        takeLive(kept, given.own->live(status));
+    else
+        kept.now.records = given.query(status);
+    return settled(std::move(kept));
+}
+
+// An own source as its helper enumerated it, or, when that failed, as it last
+// did: its GPUs' readings are absent then.
+Kept enumerate(const Given& given, std::optional<session::RemoteSource::Enumeration> enumerated,
+               std::bitset<4>& status)
+{
+    Kept kept;
+    kept.query = given.query;
+    kept.own = given.own;
+    kept.remote = given.remote;
+    if (enumerated) {
+        kept.generation = enumerated->generation;
+        status |= enumerated->status;
+        if (enumerated->live)
+            takeLive(kept, std::move(*enumerated->live));
+        else
+            kept.now.records = std::move(enumerated->records);
+    }
+    kept = settled(std::move(kept));
+    kept.now.reached = !given.remote->down();
+    kept.now.up = kept.enumerated && kept.now.reached;
+    return kept;
+}
+
 // Reads each GPU's changing properties again into the source's spare readings.
 // A GPU that no longer answers is marked silent; its readings stay absent until
-// it answers again.
+// it answers again. A source whose helper is down has no readings, and its
+// GPUs are not said to stop answering one by one: the helper's line said it.
 void readAgain(Kept& kept)
 {
     const LiveSource& live = *kept.live;
@@ -86,6 +140,10 @@ void readAgain(Kept& kept)
     for (GPU& values : next.values)
         clearReadings(values);
     next.silent = kept.now.silent;
+    if (kept.remote && kept.remote->down()) {
+        next.reached = next.up = false;
+        return;
+    }
     const bool reached = live.around && live.around([&] {
         for (std::size_t i = 0; i < live.gpus.size(); ++i) {
             if (!live.gpus[i].read)
@@ -110,7 +168,34 @@ void readAgain(Kept& kept)
             next.silent[i] = 0;
         silent += next.silent[i] ? 1 : 0;
     }
+    next.reached = reached;
     next.up = kept.enumerated && reached && (readers == 0 || silent < readers);
+}
+
+// Per merged GPU: whether every source that reads it answered for it. 'which'
+// is each source's readings to look at.
+std::vector<bool> answeringOf(const std::vector<Kept>& kept, const Records& merged, bool refreshed)
+{
+    std::vector<pci::PciLocation> silent;
+    for (const Kept& source : kept) {
+        const Readings& readings = refreshed && source.refreshed() ? source.next : source.now;
+        for (std::size_t i = 0; i < source.readers(); ++i)
+            if (source.live->gpus[i].read && (!readings.reached || readings.silent[i]))
+                silent.push_back(*source.live->gpus[i].record->pciLocation());
+    }
+    std::vector<bool> answering;
+    for (const auto& gpu : merged)
+        answering.push_back(std::find(silent.begin(), silent.end(), *gpu->pciLocation()) == silent.end());
+    return answering;
+}
+
+// A helper's quiet flags: '1' for each GPU whose vendor's lines are held back.
+std::string quietOf(const Readings& readings)
+{
+    std::string quiet;
+    for (const char silent : readings.silent)
+        quiet += silent ? '1' : '0';
+    return quiet;
 }
 
 // The source's records, copied with the readings just read.
@@ -220,33 +305,134 @@ struct Enumeration {
 struct Session::State {
     std::mutex updating; // one refresh, rescan or close at a time
     bool closed = false;
-    std::vector<std::pair<GPUQuerier, const OwnSource*>> given; // the sources, in the order given
+    SessionOptions options;
+    std::vector<Given> given; // in the order given
     Enumeration enumeration;
 
     mutable std::mutex reading; // guards the snapshot below
     Records gpus;
+    std::vector<bool> answering;
     std::bitset<4> status;
     std::vector<Source> sources;
     std::chrono::nanoseconds duration{0};
+    std::chrono::system_clock::time_point updated;
+
+    // How each source stands after the update, from its readings ('next' for
+    // those a refresh read) and its helper.
+    std::vector<Source> states(bool refreshed) const
+    {
+        std::vector<Source> result;
+        result.reserve(enumeration.kept.size());
+        for (const Kept& kept : enumeration.kept) {
+            const Readings& readings = refreshed && kept.refreshed() ? kept.next : kept.now;
+            result.push_back({kept.name(), readings.up, kept.remote ? kept.remote->restarts() : 0});
+        }
+        return result;
+    }
 
     // Makes 'merged' the snapshot readers see, with how the sources stand.
-    void publish(Records merged, std::vector<Source> states, std::chrono::steady_clock::time_point start,
-                 std::bitset<4> lastStatus)
+    void publish(Records merged, std::vector<bool> answered, std::vector<Source> states,
+                 std::chrono::steady_clock::time_point start, std::bitset<4> lastStatus)
     {
         const auto took = std::chrono::steady_clock::now() - start;
+        const auto now = std::chrono::system_clock::now();
         std::lock_guard<std::mutex> lock(reading);
         gpus.swap(merged);
+        answering.swap(answered);
         status = lastStatus;
         sources.swap(states);
         duration = std::chrono::duration_cast<std::chrono::nanoseconds>(took);
+        updated = now;
+    }
+
+    void rescan()
+    {
+        const auto start = std::chrono::steady_clock::now();
+        // The helpers enumerate side by side, while the host's own sources do.
+        for (const Given& source : given)
+            if (source.remote)
+                source.remote->askEnumeration();
+        const auto until = isolation::deadlineAfter(options.deadline);
+        Enumeration fresh;
+        // Each source enumerates while its earlier enumeration still holds the
+        // vendor open: the loads and initialisations nest, and cost next to nothing.
+        for (const Given& source : given)
+            fresh.kept.push_back(source.remote ? enumerate(source, source.remote->enumeration(until), fresh.status)
+                                               : enumerate(source, fresh.status));
+        Records all;
+        for (const Kept& source : fresh.kept)
+            all.insert(all.end(), source.now.records.begin(), source.now.records.end());
+        fresh.merged = mergeGPUs(all);
+        fresh.keptOnly = std::all_of(fresh.kept.begin(), fresh.kept.end(),
+                                     [](const Kept& source) { return source.refreshedInPlace(); });
+        if (fresh.keptOnly)
+            fresh.placeRecords();
+        Records merged = fresh.merged;
+        std::vector<bool> answered = answeringOf(fresh.kept, merged, false);
+        // Everything is enumerated: from here nothing can fail.
+        std::swap(enumeration, fresh);
+        publish(std::move(merged), std::move(answered), states(false), start, enumeration.status);
+        // 'fresh' now holds the earlier enumeration: its sources let go of their
+        // vendors here, last given first.
+        while (!fresh.kept.empty())
+            fresh.kept.pop_back();
+    }
+
+    void refresh()
+    {
+        // A helper due to start again, or one that enumerated since the
+        // session's enumeration (a rescan that failed after): enumerate anew.
+        for (const Kept& kept : enumeration.kept)
+            if (kept.remote && (kept.remote->due() || kept.remote->generation() != kept.generation)) {
+                rescan();
+                return;
+            }
+        const auto start = std::chrono::steady_clock::now();
+        for (const Kept& kept : enumeration.kept)
+            if (kept.remote && kept.live)
+                kept.remote->askReadings(quietOf(kept.now));
+        const auto until = isolation::deadlineAfter(options.deadline);
+        std::bitset<4> lastStatus = enumeration.status;
+        for (Kept& kept : enumeration.kept) {
+            if (kept.live) {
+                if (kept.remote)
+                    kept.remote->takeReadings(until);
+                readAgain(kept);
+                if (!enumeration.keptOnly)
+                    renewRecords(kept);
+            } else if (kept.refreshed()) {
+                // No handles to read through: the source runs again.
+                kept.next.records = kept.query(lastStatus);
+                kept.next.up = kept.enumerated;
+            }
+        }
+        Records merged = enumeration.keptOnly ? enumeration.fold(gpus) : mergeGPUs(recordsOf(enumeration.kept));
+        std::vector<bool> answered = answeringOf(enumeration.kept, merged, true);
+        std::vector<Source> now = states(true);
+        // Everything is read: from here nothing can fail.
+        for (Kept& kept : enumeration.kept)
+            if (kept.refreshed())
+                std::swap(kept.now, kept.next);
+        publish(std::move(merged), std::move(answered), std::move(now), start, lastStatus);
+        for (const Kept& kept : enumeration.kept)
+            if (kept.live)
+                sayChanges(kept, kept.next);
     }
 };
 
-Session::Session(const std::vector<GPUQuerier>& sources) : state_(std::make_unique<State>())
+Session::Session(const std::vector<GPUQuerier>& sources) : Session(sources, SessionOptions()) {}
+
+Session::Session(const std::vector<GPUQuerier>& sources, const SessionOptions& options)
+    : state_(std::make_unique<State>())
 {
-    for (GPUQuerier querier : sources)
-        if (querier)
-            state_->given.emplace_back(querier, findOwnSource(querier));
+    state_->options = options;
+    for (GPUQuerier querier : sources) {
+        if (!querier)
+            continue;
+        const OwnSource* own = findOwnSource(querier);
+        state_->given.push_back(
+            {querier, own, own && options.isolate ? std::make_shared<session::RemoteSource>(*own, options.backOff) : nullptr});
+    }
     rescan();
 }
 
@@ -255,65 +441,15 @@ Session::~Session() { close(); }
 void Session::refresh()
 {
     std::lock_guard<std::mutex> updating(state_->updating);
-    if (state_->closed)
-        return;
-    const auto start = std::chrono::steady_clock::now();
-    Enumeration& enumeration = state_->enumeration;
-    std::bitset<4> status = enumeration.status;
-    std::vector<Source> states;
-    for (Kept& kept : enumeration.kept) {
-        if (kept.live) {
-            readAgain(kept);
-            if (!enumeration.keptOnly)
-                renewRecords(kept);
-        } else if (kept.refreshed()) {
-            // No handles to read through: the source runs again.
-            kept.next.records = kept.query(status);
-            kept.next.up = kept.enumerated;
-        }
-        states.push_back({kept.name(), kept.refreshed() ? kept.next.up : kept.now.up});
-    }
-    Records merged = enumeration.keptOnly ? enumeration.fold(state_->gpus) : mergeGPUs(recordsOf(enumeration.kept));
-    // Everything is read: from here nothing can fail.
-    for (Kept& kept : enumeration.kept)
-        if (kept.refreshed())
-            std::swap(kept.now, kept.next);
-    state_->publish(std::move(merged), std::move(states), start, status);
-    for (const Kept& kept : enumeration.kept)
-        if (kept.live)
-            sayChanges(kept, kept.next);
+    if (!state_->closed)
+        state_->refresh();
 }
 
 void Session::rescan()
 {
     std::lock_guard<std::mutex> updating(state_->updating);
-    if (state_->closed)
-        return;
-    const auto start = std::chrono::steady_clock::now();
-    Enumeration fresh;
-    // Each source enumerates while its earlier enumeration still holds the
-    // vendor open: the loads and initialisations nest, and cost next to nothing.
-    std::vector<Source> states;
-    for (const auto& [query, own] : state_->given) {
-        fresh.kept.push_back(enumerate(query, own, fresh.status));
-        states.push_back({fresh.kept.back().name(), fresh.kept.back().now.up});
-    }
-    Records all;
-    for (const Kept& source : fresh.kept)
-        all.insert(all.end(), source.now.records.begin(), source.now.records.end());
-    fresh.merged = mergeGPUs(all);
-    fresh.keptOnly = std::all_of(fresh.kept.begin(), fresh.kept.end(),
-                                 [](const Kept& source) { return source.refreshedInPlace(); });
-    if (fresh.keptOnly)
-        fresh.placeRecords();
-    Records merged = fresh.merged;
-    // Everything is enumerated: from here nothing can fail.
-    std::swap(state_->enumeration, fresh);
-    state_->publish(std::move(merged), std::move(states), start, state_->enumeration.status);
-    // 'fresh' now holds the earlier enumeration: its sources let go of their
-    // vendors here, last given first.
-    while (!fresh.kept.empty())
-        fresh.kept.pop_back();
+    if (!state_->closed)
+        state_->rescan();
 }
 
 void Session::close()
@@ -321,10 +457,12 @@ void Session::close()
     std::lock_guard<std::mutex> updating(state_->updating);
     state_->closed = true;
     // The last opened is released first; a source's readers go before what
-    // keeps its vendor open, which they share.
+    // keeps its vendor open, which they share, and its helper goes with them.
     std::vector<Kept>& kept = state_->enumeration.kept;
     while (!kept.empty())
         kept.pop_back();
+    while (!state_->given.empty())
+        state_->given.pop_back();
 }
 
 std::vector<std::shared_ptr<IGPU>> Session::gpus() const
@@ -349,6 +487,18 @@ std::chrono::nanoseconds Session::lastUpdateDuration() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
     return state_->duration;
+}
+
+std::chrono::system_clock::time_point Session::lastUpdate() const
+{
+    std::lock_guard<std::mutex> reading(state_->reading);
+    return state_->updated;
+}
+
+std::vector<bool> Session::answering() const
+{
+    std::lock_guard<std::mutex> reading(state_->reading);
+    return state_->answering;
 }
 
 } // namespace libKestrel

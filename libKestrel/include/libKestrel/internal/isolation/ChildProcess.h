@@ -24,6 +24,16 @@ struct ChildEnd {
     std::string problem;
 };
 
+// 'deadline' from now, saturated: a deadline past what the clock can count
+// waits for as long as it counts.
+std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds deadline);
+
+// What became of a child, as a log line says it ("crashed with signal 11"); a
+// child that answered what does not parse says 'problem'. 'overdue' is the
+// words for a child stopped at its deadline.
+std::string describe(const ChildEnd& end, const std::string& problem,
+                     const char* overdue = "did not end by the deadline and was stopped");
+
 // What an answer is: at most 'most' bytes, and complete once 'complete' says so.
 struct AnswerRules {
     std::size_t most;

@@ -25,6 +25,17 @@ namespace libKestrel::probe {
 //   status <bits>                        the status set, bit 3 first ("0001")
 //   done                                 the source returned
 //
+// In its session mode (kestrel-probe SOURCE --session, with a request pipe) the
+// helper answers each request the same way, header first and "done" last. An
+// enumeration ("rescan") marks each record that is read again at every refresh
+// with a line "reads" before its "end", and says "open" when the vendor stays
+// open for those readings. A refresh answers
+//
+//   reached <0|1>                        whether the vendor could be reached
+//   readings <n>                         the readings of the n-th record of the
+//   <property> <value>                   enumeration (counted from 0, every
+//   end                                  record included), then "end"
+//
 // Anything else, or output without "done", is output that does not parse. The
 // answer is complete with "done", whether or not the pipe is closed then. An
 // answer holds at most 4 MiB (mostAnswer): a helper that writes more is stopped
@@ -42,6 +53,12 @@ struct Output {
     std::vector<std::shared_ptr<IGPU>> records;
     std::bitset<4> status;
     std::vector<LogLine> logs;
+    // A session's answers: per record, whether it is read again; whether the
+    // vendor stays open; and a refresh's readings, by the record's place.
+    std::vector<bool> readers;
+    bool open = false;
+    std::optional<bool> reached;
+    std::vector<std::pair<std::size_t, std::shared_ptr<IGPU>>> readings;
 };
 
 // Whether 'answer' ends with its last item, "done".
@@ -50,6 +67,11 @@ bool complete(std::string_view answer);
 std::string header();
 std::string logLine(const std::string& logger, int priority, const std::string& text);
 std::string records(const std::vector<std::shared_ptr<IGPU>>& gpus, const std::bitset<4>& status);
+// The rest of a session's answers, after the header and the log lines: an
+// enumeration, each record marked as 'read' says, and a refresh's readings.
+std::string enumeration(const std::vector<std::shared_ptr<IGPU>>& gpus, const std::vector<bool>& read, bool open,
+                        const std::bitset<4>& status);
+std::string readings(bool reached, const std::vector<std::pair<std::size_t, const IGPU*>>& gpus);
 
 // The probe's output read back. 'logs' holds the log lines read whatever
 // happens, so that a child that died still says what it said; 'problem' says

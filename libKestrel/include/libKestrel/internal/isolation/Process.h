@@ -23,9 +23,11 @@ struct ProcessEnd {
 // One child process, the group of processes it starts, and the pipe it answers
 // on. The child gets exactly these descriptors: an empty standard input, the
 // host's standard error as its standard output and error (so that what a vendor
-// library prints never mixes with the answer), and the write end of its answer
+// library prints never mixes with the answer), the write end of its answer
 // pipe, named by the arguments "--answer-pipe <n>" added after the command's own
-// (a descriptor on Linux, a handle value on Windows). It ends with its host, and
+// (a descriptor on Linux, a handle value on Windows), and, for a child that
+// takes requests, the read end of its request pipe, named by "--request-pipe
+// <n>" after those. It ends with its host, and
 // whatever it starts is stopped with it. A child that has ended is collected
 // through a process descriptor (Linux) or handle (Windows), never by a process
 // id that may have been given to another process since.
@@ -37,9 +39,10 @@ struct ProcessEnd {
 // nothing but how the child ended.
 class Process {
 public:
-    // Starts 'command' (a program's path, then its arguments). 'problem' says why
-    // it could not be started, and is left empty when it was.
-    Process(const std::vector<std::string>& command, std::string& problem);
+    // Starts 'command' (a program's path, then its arguments), with a request
+    // pipe when 'requests'. 'problem' says why it could not be started, and is
+    // left empty when it was.
+    Process(const std::vector<std::string>& command, std::string& problem, bool requests = false);
     // A child still running is stopped and left to be collected later.
     ~Process()
     {
@@ -49,6 +52,7 @@ public:
                 abandon();
         }
         closeAnswer();
+        closeRequests();
     }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -59,6 +63,12 @@ public:
     // Stops reading: the answer is complete, or no longer wanted.
     void closeAnswer();
     bool reading() const;
+
+    // Writes 'line' to the request pipe, without waiting for the child to read
+    // it; false when it cannot (no request pipe, or the child has let go of it).
+    bool request(const std::string& line);
+    // Closes the request pipe: a child that reads its requests sees their end.
+    void closeRequests();
 
     // Its end once it has ended, else nothing; never waits. Whatever it started
     // and left running is stopped then.
@@ -84,10 +94,12 @@ private:
     void* process_ = nullptr;
     void* job_ = nullptr; // the child and everything it starts
     void* answer_ = nullptr;
+    void* requests_ = nullptr;
 #else
     int pid_ = -1; // also the id of its process group
     int descriptor_ = -1;
     int answer_ = -1;
+    int requests_ = -1;
 #endif
 };
 
