@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "TestCopy.h"
+#include "common/MachineInFile.h"
 #include "common/Paths.h"
 #include "common/Process.h"
 #include "common/Records.h"
@@ -39,32 +40,6 @@ std::string scenarioFile(const std::string& name)
     return tova::System::getEnvironmentVariable("KESTREL_SCENARIOS").str() + "/" + name + ".json";
 }
 
-// The machine of 'file' for this process and its children alike.
-class MachineInFile {
-public:
-    explicit MachineInFile(const std::string& file)
-    {
-        kestrelSimSetScenario(nullptr); // this process reads the file too
-        kestrel::test::setEnvironment("KESTREL_SIM_SCENARIO", file);
-    }
-    explicit MachineInFile(const json& machine)
-    {
-        written_ = kestrel::test::temporaryPath("isolated.json");
-        std::ofstream(written_) << machine.dump();
-        kestrelSimSetScenario(nullptr);
-        kestrel::test::setEnvironment("KESTREL_SIM_SCENARIO", written_);
-    }
-    ~MachineInFile()
-    {
-        kestrel::test::setEnvironment("KESTREL_SIM_SCENARIO", "");
-        if (!written_.empty())
-            std::remove(written_.c_str());
-    }
-
-private:
-    std::string written_;
-};
-
 // A host's own source, which an isolated query runs in the host's process.
 std::vector<std::shared_ptr<libKestrel::IGPU>> hostSource(std::bitset<4>&) { return {kestrel::test::gpuAt(0x7e)}; }
 
@@ -74,7 +49,7 @@ TEST(Isolation, EveryExampleMachineGivesTheRecordsOfAnInProcessQuery)
     std::vector<libKestrel::GPUQuerier> sources = ownSources;
     sources.push_back(hostSource);
     for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
-        const MachineInFile file(scenarioFile(machine));
+        const auto file = kestrel::test::MachineInFile::existing(scenarioFile(machine));
         std::bitset<4> inProcess;
         const auto expected = describe(libKestrel::queryAllGPUs({}, sources, inProcess));
         EXPECT_FALSE(expected.empty());
@@ -109,7 +84,7 @@ TEST(Isolation, ACrashingOrHangingVendorCostsOnlyItsOwnRecords)
         SCOPED_TRACE(std::string(row.entry) + " " + row.fault);
         json machine = workstation;
         machine["faults"] = {{row.entry, {{row.fault, true}}}};
-        const MachineInFile file(machine);
+        const kestrel::test::MachineInFile file(machine.dump());
         LogCapture capture(tova::LoggerPriority::CRITICAL);
         // Every other vendor's records, as an in-process query of them alone gives.
         std::vector<libKestrel::GPUQuerier> others;
@@ -138,7 +113,7 @@ TEST(Isolation, ACrashedHelpersLogLinesReachTheHost)
 {
     json machine = json::parse(kestrel::test::fileText(scenarioFile("workstation")));
     machine["faults"] = {{"ADL_Adapter_AdapterInfo_Get", {{"crash", true}}}};
-    const MachineInFile file(machine);
+    const kestrel::test::MachineInFile file(machine.dump());
     LogCapture capture(tova::LoggerPriority::TRACE);
     std::bitset<4> status;
     EXPECT_TRUE(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryAMDGPUsMulti}, status).empty());
@@ -148,8 +123,8 @@ TEST(Isolation, ACrashedHelpersLogLinesReachTheHost)
 
 TEST(Isolation, TheChildrensLogLinesReachTheHostsSinkUnderItsThreshold)
 {
-    const MachineInFile file(json::parse(R"({"gpus": [{"pci": {"bus": 3}, "adl": {}}],
-                                             "faults": {"ADL_Main_Control_Create": {"return": -1}}})"));
+    const kestrel::test::MachineInFile file(R"({"gpus": [{"pci": {"bus": 3}, "adl": {}}],
+                                               "faults": {"ADL_Main_Control_Create": {"return": -1}}})");
     LogCapture capture(tova::LoggerPriority::WARNING);
     std::bitset<4> status;
     EXPECT_TRUE(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryAMDGPUsMulti}, status).empty());
@@ -163,7 +138,7 @@ TEST(Isolation, TheChildrensLogLinesReachTheHostsSinkUnderItsThreshold)
 // own, where no helper program is beside it (the CTest run filters it out).
 TEST(IsolationAlone, WithoutTheHelperProgramASourceGivesNothingAndSaysWhy)
 {
-    const MachineInFile file(scenarioFile("workstation"));
+    const auto file = kestrel::test::MachineInFile::existing(scenarioFile("workstation"));
     LogCapture capture(tova::LoggerPriority::CRITICAL);
     std::bitset<4> status;
     EXPECT_EQ(describe(libKestrel::queryAllGPUsIsolated({}, {libKestrel::queryNVidiaGPUs}, status)),

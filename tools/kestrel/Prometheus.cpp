@@ -106,11 +106,21 @@ Reading scaledBy(Getter getter, double factor)
 
 std::string prometheusExposition(const libKestrel::Session& session)
 {
+    return prometheusExposition(session.snapshot());
+}
+
+std::string prometheusExposition(const libKestrel::Session::Snapshot& snapshot)
+{
     using G = libKestrel::IGPU;
     Records gpus;
-    for (const auto& gpu : session.gpus())
-        if (gpu->pciLocation())
-            gpus.push_back(gpu);
+    std::vector<std::pair<Labels, double>> answering;
+    for (std::size_t i = 0; i < snapshot.gpus.size(); ++i) {
+        const auto& gpu = snapshot.gpus[i];
+        if (!gpu->pciLocation())
+            continue;
+        gpus.push_back(gpu);
+        answering.emplace_back(identity(*gpu), i < snapshot.answering.size() && !snapshot.answering[i] ? 0 : 1);
+    }
 
     Exposition out;
     std::vector<std::pair<Labels, double>> info;
@@ -123,6 +133,10 @@ std::string prometheusExposition(const libKestrel::Session& session)
         info.emplace_back(labels, 1);
     }
     out.family("kestrel_gpu_info", "gauge", "What the GPU is: its name, driver and VBIOS versions (value 1).", info);
+    out.family("kestrel_gpu_up", "gauge",
+               "Whether every vendor that reads the GPU answered for it at the last update (a GPU that fell off the "
+               "bus, or whose driver hangs, is 0).",
+               answering);
     perGpu(out, gpus, "kestrel_gpu_temperature_celsius", "gauge", "The GPU's temperature.",
            {{{}, scaledBy(&G::temperatureCurrent, 1)}});
     perGpu(out, gpus, "kestrel_gpu_temperature_slowdown_celsius", "gauge",
@@ -153,11 +167,19 @@ std::string prometheusExposition(const libKestrel::Session& session)
             {{{"type", "uncorrected"}, {"scope", "aggregate"}}, scaledBy(&G::eccErrorsUncorrectedAggregate, 1)}});
 
     std::vector<std::pair<Labels, double>> up;
-    for (const auto& source : session.sources())
+    std::vector<std::pair<Labels, double>> restarts;
+    for (const auto& source : snapshot.sources) {
         up.emplace_back(Labels{{"source", source.name}}, source.up ? 1 : 0);
+        restarts.emplace_back(Labels{{"source", source.name}}, static_cast<double>(source.restarts));
+    }
     out.family("kestrel_source_up", "gauge", "Whether the source's vendor interface answered at the last update.", up);
+    out.family("kestrel_source_restarts_total", "counter",
+               "How often the source's helper process was started again after it failed.", restarts);
+    out.family("kestrel_last_update_timestamp_seconds", "gauge",
+               "When the GPUs were last read, in seconds since the Unix epoch.",
+               {{{}, std::chrono::duration<double>(snapshot.updated.time_since_epoch()).count()}});
     out.family("kestrel_update_duration_seconds", "gauge", "How long the last refresh or enumeration took.",
-               {{{}, std::chrono::duration<double>(session.lastUpdateDuration()).count()}});
+               {{{}, std::chrono::duration<double>(snapshot.duration).count()}});
     return out.text();
 }
 

@@ -6,11 +6,13 @@
 
 namespace kestrel {
 
-// The session's last snapshot in Prometheus's text exposition format: one family
-// per GPU property in base units (degrees Celsius, bytes, hertz, ratios), every
-// GPU series labelled with its PCI location and its UUID where known, and the
-// sources' state and the last update's duration. A property a GPU does not
-// report has no sample.
+// A session's snapshot in Prometheus's text exposition format: one family per
+// GPU property in base units (degrees Celsius, bytes, hertz, ratios), every GPU
+// series labelled with its PCI location and its UUID where known, whether each
+// GPU answered, the sources' state and restarts, and when the update was and
+// how long it took. A property a GPU does not report has no sample.
+std::string prometheusExposition(const libKestrel::Session::Snapshot& snapshot);
+// The session's last snapshot, so.
 std::string prometheusExposition(const libKestrel::Session& session);
 
 } // namespace kestrel

@@ -106,6 +106,17 @@ public:
     // or could not be reached (its helper down, its vendor gone).
     std::vector<bool> answering() const;
 
+    // All of the above at once, of one refresh or rescan.
+    struct Snapshot {
+        std::vector<std::shared_ptr<IGPU>> gpus;
+        std::vector<bool> answering;
+        std::bitset<4> status;
+        std::vector<Source> sources;
+        std::chrono::nanoseconds duration{0};
+        std::chrono::system_clock::time_point updated;
+    };
+    Snapshot snapshot() const;
+
 private:
     struct State;
     std::unique_ptr<State> state_;

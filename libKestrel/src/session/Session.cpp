@@ -66,8 +66,9 @@ struct Kept {
 
     const char* name() const { return own ? own->name : "host"; }
     // A source whose records a refresh does not replace: read through handles,
-    // or with nothing that changes.
-    bool refreshedInPlace() const { return live || (own && !own->readingsChange); }
+    // or with nothing that changes, or run by a helper (never in the host's
+    // process, whatever became of the helper).
+    bool refreshedInPlace() const { return live || remote || (own && !own->readingsChange); }
     // Whether a refresh reads it again: through handles, or by running it again.
     bool refreshed() const { return live || !refreshedInPlace(); }
     std::size_t readers() const { return live ? live->gpus.size() : 0; }
@@ -309,13 +310,8 @@ struct Session::State {
     std::vector<Given> given; // in the order given
     Enumeration enumeration;
 
-    mutable std::mutex reading; // guards the snapshot below
-    Records gpus;
-    std::vector<bool> answering;
-    std::bitset<4> status;
-    std::vector<Source> sources;
-    std::chrono::nanoseconds duration{0};
-    std::chrono::system_clock::time_point updated;
+    mutable std::mutex reading; // guards the snapshot
+    Snapshot current;
 
     // How each source stands after the update, from its readings ('next' for
     // those a refresh read) and its helper.
@@ -337,12 +333,12 @@ struct Session::State {
         const auto took = std::chrono::steady_clock::now() - start;
         const auto now = std::chrono::system_clock::now();
         std::lock_guard<std::mutex> lock(reading);
-        gpus.swap(merged);
-        answering.swap(answered);
-        status = lastStatus;
-        sources.swap(states);
-        duration = std::chrono::duration_cast<std::chrono::nanoseconds>(took);
-        updated = now;
+        current.gpus.swap(merged);
+        current.answering.swap(answered);
+        current.status = lastStatus;
+        current.sources.swap(states);
+        current.duration = std::chrono::duration_cast<std::chrono::nanoseconds>(took);
+        current.updated = now;
     }
 
     void rescan()
@@ -406,7 +402,9 @@ struct Session::State {
                 kept.next.up = kept.enumerated;
             }
         }
-        Records merged = enumeration.keptOnly ? enumeration.fold(gpus) : mergeGPUs(recordsOf(enumeration.kept));
+        // Only this thread writes the snapshot: it reads it without the lock.
+        Records merged =
+            enumeration.keptOnly ? enumeration.fold(current.gpus) : mergeGPUs(recordsOf(enumeration.kept));
         std::vector<bool> answered = answeringOf(enumeration.kept, merged, true);
         std::vector<Source> now = states(true);
         // Everything is read: from here nothing can fail.
@@ -465,40 +463,46 @@ void Session::close()
         state_->given.pop_back();
 }
 
+Session::Snapshot Session::snapshot() const
+{
+    std::lock_guard<std::mutex> reading(state_->reading);
+    return state_->current;
+}
+
 std::vector<std::shared_ptr<IGPU>> Session::gpus() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
-    return state_->gpus;
+    return state_->current.gpus;
 }
 
 std::bitset<4> Session::status() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
-    return state_->status;
+    return state_->current.status;
 }
 
 std::vector<Session::Source> Session::sources() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
-    return state_->sources;
+    return state_->current.sources;
 }
 
 std::chrono::nanoseconds Session::lastUpdateDuration() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
-    return state_->duration;
+    return state_->current.duration;
 }
 
 std::chrono::system_clock::time_point Session::lastUpdate() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
-    return state_->updated;
+    return state_->current.updated;
 }
 
 std::vector<bool> Session::answering() const
 {
     std::lock_guard<std::mutex> reading(state_->reading);
-    return state_->answering;
+    return state_->current.answering;
 }
 
 } // namespace libKestrel
