@@ -26,9 +26,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// How often the GPUs are enumerated again, for cards added, gone or back.
-constexpr std::chrono::seconds rescanInterval{60};
-
 const char* const page = R"(<!DOCTYPE html>
 <html><head><title>kestrel</title></head>
 <body><h1>kestrel</h1><p>Every GPU of this machine, as its vendor interfaces see it:

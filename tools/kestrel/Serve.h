@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -7,6 +8,10 @@
 #include <libKestrel/Query.h>
 
 namespace kestrel {
+
+// How often a program that watches the GPUs enumerates them again, for cards
+// added, gone or back.
+constexpr std::chrono::seconds rescanInterval{60};
 
 // What `kestrel serve` was asked for.
 struct ServeOptions {

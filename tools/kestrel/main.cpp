@@ -13,6 +13,7 @@
 #include "Prometheus.h"
 #include "Platform.h"
 #include "Report.h"
+#include "Serve.h"
 #include "Simulation.h"
 
 namespace {
@@ -28,11 +29,9 @@ const std::vector<libKestrel::GPUQuerier> gpuSources = {
 #endif
 };
 
-void report(const kestrel::Options& options)
+void report(const kestrel::Options& options, const std::vector<std::shared_ptr<libKestrel::IGPU>>& gpus,
+            const std::bitset<4>& status)
 {
-    std::bitset<4> status;
-    const auto gpus = options.isolate ? libKestrel::queryAllGPUsIsolated({}, gpuSources, status)
-                                      : libKestrel::queryAllGPUs({}, gpuSources, status);
     const std::string text = options.json ? kestrel::jsonReport(gpus, status, options.watchSeconds.has_value())
                                           : kestrel::textReport(gpus, status);
     std::fputs(text.c_str(), stdout);
@@ -86,10 +85,19 @@ int main(int argc, char** argv)
         return 0;
     }
     if (!options.watchSeconds) {
-        report(options);
+        std::bitset<4> status;
+        const auto gpus = options.isolate ? libKestrel::queryAllGPUsIsolated({}, gpuSources, status)
+                                          : libKestrel::queryAllGPUs({}, gpuSources, status);
+        report(options, gpus, status);
         return 0;
     }
+    // Watching keeps a session, isolated with --isolate: the vendors stay open,
+    // and each report reads what changed.
+    libKestrel::SessionOptions sessionOptions;
+    sessionOptions.isolate = options.isolate;
+    libKestrel::Session session(gpuSources, sessionOptions);
     kestrel::catchInterrupt();
+    auto rescanned = std::chrono::steady_clock::now();
     while (!kestrel::interrupted()) {
         if (!options.json) {
             const std::time_t now = std::time(nullptr);
@@ -97,9 +105,16 @@ int main(int argc, char** argv)
             std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", std::localtime(&now));
             std::printf("--- %s\n", stamp);
         }
-        report(options);
+        const auto snapshot = session.snapshot();
+        report(options, snapshot.gpus, snapshot.status);
         pause(*options.watchSeconds);
         follow();
+        if (std::chrono::steady_clock::now() - rescanned >= kestrel::rescanInterval) {
+            session.rescan();
+            rescanned = std::chrono::steady_clock::now();
+        } else {
+            session.refresh();
+        }
     }
     return 0;
 }
