@@ -9,7 +9,6 @@
 
 #include "common/Paths.h"
 #include "common/Process.h"
-#include "common/Records.h"
 #include "common/Test.h"
 #include "libKestrel/Query.h"
 #include "libKestrel/Session.h"
