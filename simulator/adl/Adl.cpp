@@ -51,18 +51,14 @@ Module& module()
     return state;
 }
 
+bool started() { return module().controls > 0 || !module().contexts.empty(); }
+
 // A fresh look at the scenario when a client starts ADL. The driver starts
 // once: while a control or context is open, another is cheap, and it and every
-// call see the scenario again only when a new one was set. 'following' is a
-// call's look, which leaves a driver that is not started alone.
-void reloadMachine(bool following = false)
+// call see the scenario again only when a new one was set (followScenario).
+void readScenario()
 {
-    const bool started = module().controls > 0 || !module().contexts.empty();
-    if ((following && !started) || (started && !sim::scenarioChanged()))
-        return;
     sim::reload();
-    if (!started)
-        sim::initLatency("adl");
     module().machine = sim::adl::readMachine(sim::scenario());
 }
 
@@ -111,7 +107,6 @@ struct Call {
 
 Call begin(const Caller& caller, std::optional<int> adapterIndex = std::nullopt)
 {
-    reloadMachine(true);
     const sim::adl::Machine& machine = module().machine;
     const sim::adl::Adapter* adapter = adapterIndex ? machine.find(*adapterIndex) : nullptr;
     Call call;
@@ -167,7 +162,10 @@ std::vector<const sim::adl::Adapter*> listedAdapters(const Caller& caller)
 int createControl(const Caller& caller, ADL_MAIN_MALLOC_CALLBACK callback, int enumConnected,
                   ADL_CONTEXT_HANDLE* context, std::optional<ADLThreadingModel> threading = std::nullopt)
 {
-    reloadMachine();
+    if (!started()) {
+        readScenario();
+        sim::initLatency("adl");
+    }
     const auto fault = sim::enter(caller.entry);
     if (fault && fault->returnCode)
         return static_cast<int>(*fault->returnCode);
@@ -567,6 +565,15 @@ int refreshControl(const Caller& caller)
 }
 
 } // namespace
+
+// A scenario set while a control or context is open: adapter indices come from
+// it, so a GPU's index reads its new values, and its faults apply from this
+// call on. A driver not started reads it when it starts.
+void sim::followScenario()
+{
+    if (started() && sim::scenarioChanged())
+        readScenario();
+}
 
 // The simulator implements exactly the signatures the library calls through.
 #define CHECK_SIGNATURE(function) \

@@ -49,6 +49,12 @@ struct ModuleState {
     nlohmann::json scenario = nlohmann::json::object();
     std::map<std::string, std::int64_t> calls;
     unsigned long generation = 0; // of the scenario last read
+    // Where that scenario came from when no text was set: the file's path (empty:
+    // none named) and what it held (none: it could not be read).
+    bool fromFile = false;
+    std::string path;
+    std::optional<std::string> contents;
+    bool readThisCall = false; // since the outermost Guard of this call was taken
 };
 
 ModuleState& module()
@@ -82,26 +88,50 @@ nlohmann::json parse(const std::string& text, const std::string& origin)
     return nlohmann::json::parse(text);
 }
 
-// The scenario in force, and in 'generation' the setting it came from.
-nlohmann::json loadScenario(unsigned long& generation)
+std::string scenarioPath()
 {
-    if (const char* text = kestrelSimScenario(&generation))
-        return parse(text, "scenario text");
     const char* path = std::getenv("KESTREL_SIM_SCENARIO");
-    if (!path || !*path)
-        return nlohmann::json::object();
+    return path ? path : "";
+}
+
+std::optional<std::string> readFile(const std::string& path)
+{
     std::ifstream file(path);
     if (!file)
-        return rejected(path, "cannot read the file");
+        return std::nullopt;
     std::stringstream contents;
     contents << file.rdbuf();
-    return parse(contents.str(), path);
+    return contents.str();
+}
+
+// The scenario in force, and in 'state' the setting or file it came from.
+nlohmann::json loadScenario(ModuleState& state)
+{
+    const char* text = kestrelSimScenario(&state.generation);
+    state.fromFile = !text;
+    if (text)
+        return parse(text, "scenario text");
+    state.path = scenarioPath();
+    state.contents = state.path.empty() ? std::nullopt : readFile(state.path);
+    if (state.path.empty())
+        return nlohmann::json::object();
+    if (!state.contents)
+        return rejected(state.path, "cannot read the file");
+    return parse(*state.contents, state.path);
 }
 
 bool matches(const nlohmann::json& fault, const char* key, std::int64_t value)
 {
     const auto selector = fault.find(key);
     return selector == fault.end() || (selector->is_number_integer() && selector->get<std::int64_t>() == value);
+}
+
+// "fromCall": n selects call n and every later one: a driver that works for a
+// while, then fails until it is restarted.
+bool reached(const nlohmann::json& fault, std::int64_t call)
+{
+    const auto selector = fault.find("fromCall");
+    return selector == fault.end() || (selector->is_number_integer() && call >= selector->get<std::int64_t>());
 }
 
 // The faults a driver shows by how it behaves rather than by what it returns:
@@ -145,10 +175,13 @@ struct Lifetime {
 Guard::Guard()
 {
     kestrelSimCallDepth(1);
-    if (moduleLock.held())
+    if (moduleLock.held()) {
         ++moduleLock.depth;
-    else
-        moduleLock.take(1);
+        return;
+    }
+    moduleLock.take(1);
+    module().readThisCall = false;
+    followScenario();
 }
 
 Guard::~Guard()
@@ -178,7 +211,10 @@ void reload()
 {
     checkGuarded("a scenario reload");
     ModuleState& state = module();
-    state.scenario = loadScenario(state.generation);
+    if (state.readThisCall)
+        return;
+    state.readThisCall = true;
+    state.scenario = loadScenario(state);
     state.calls.clear();
 }
 
@@ -193,7 +229,18 @@ void initLatency(const char* section)
         std::this_thread::sleep_for(std::chrono::milliseconds(latency->get<std::int64_t>()));
 }
 
-bool scenarioChanged() { return module().generation != kestrelSimScenarioGeneration(); }
+bool scenarioChanged()
+{
+    const ModuleState& state = module();
+    if (state.generation != kestrelSimScenarioGeneration())
+        return true;
+    if (!state.fromFile)
+        return false;
+    // Read whole each time: a file rewritten within its timestamp's resolution,
+    // at the same size, is still seen.
+    const std::string path = scenarioPath();
+    return path != state.path || (!path.empty() && readFile(path) != state.contents);
+}
 
 std::optional<Fault> enter(const char* entry, std::int64_t device)
 {
@@ -214,7 +261,8 @@ std::optional<Fault> enter(const char* entry, std::int64_t device)
     // One fault object, or a list of them tried in order.
     const nlohmann::json candidates = found->is_array() ? *found : nlohmann::json::array({*found});
     for (const auto& candidate : candidates)
-        if (candidate.is_object() && matches(candidate, "call", call) && matches(candidate, "device", device)) {
+        if (candidate.is_object() && matches(candidate, "call", call) && reached(candidate, call) &&
+            matches(candidate, "device", device)) {
             Fault fault = toFault(candidate);
             misbehave(fault.spec);
             return fault;
@@ -249,9 +297,9 @@ SIM_EXPORT int kestrelSimulatorWriteSysfs(const char* scenario, const char* fold
 }
 
 // Lets a host or a test choose the scenario through any simulated module it holds.
+// Every module, this one included, takes it in at its next call.
 SIM_EXPORT void kestrelSimulatorSetScenario(const char* json)
 {
     const sim::Guard guard;
     kestrelSimSetScenario(json);
-    sim::reload();
 }

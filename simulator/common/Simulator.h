@@ -23,6 +23,8 @@ namespace sim {
 // handed out change under it. A thread that holds the lock may take it again,
 // so an entry can call another of its module. A fault that delays or hangs a
 // call keeps the lock meanwhile: a hung driver blocks its other callers too.
+// Taking the lock, a Guard has the module follow a new scenario first
+// (followScenario), so every call answers from the scenario then in force.
 class Guard {
 public:
     Guard();
@@ -66,16 +68,25 @@ const nlohmann::json& scenario();
 
 // Reads the scenario again: the text set through kestrelSimSetScenario, else the
 // file named by KESTREL_SIM_SCENARIO, else an empty machine. Modules call it when
-// their vendor's library is initialised. Restarts the per-entry call counts.
+// their vendor's library is initialised. Restarts the per-entry call counts. A
+// call reads it once: one whose Guard already read a new scenario keeps that.
 void reload();
+
+// Defined by each module: takes in a new scenario (scenarioChanged()) as the
+// vendor's running library would show it, or leaves it for the vendor's next
+// initialisation while it is not initialised. The Guard calls it as each call
+// of the module begins.
+void followScenario();
 
 // Waits as long as the scenario's "<section>": {"initLatencyMs": n} says: a real
 // driver takes that long to start, which a program that keeps it open pays once.
 void initLatency(const char* section);
 
-// True when a scenario was set since this module last reloaded: a module whose
-// vendor initialises once per process reloads then, so that a host or test can
-// change the machine under it.
+// True when a scenario was set since this module last reloaded, or when the
+// scenario came from the KESTREL_SIM_SCENARIO file and the variable now names
+// another file or the file holds another text: a module whose vendor stays
+// initialised reloads then, so that a host or test can change the machine under
+// it, and a child process following the file sees what a fresh one would.
 bool scenarioChanged();
 
 // A fault the scenario injects into one call.
@@ -88,7 +99,9 @@ struct Fault {
 
 // Records a call of 'entry' in the journal and returns the fault that the
 // scenario's "faults" injects into it, if any. 'device' is the index of the
-// device the call is about (-1: none) and is matched against a fault's "device".
+// device the call is about (-1: none) and is matched against a fault's "device";
+// the call's place among the entry's calls since the scenario was read, against
+// its "call" (that call) and "fromCall" (that call and every later one).
 std::optional<Fault> enter(const char* entry, std::int64_t device = -1);
 
 // Appends an event to the journal.

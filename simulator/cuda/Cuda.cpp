@@ -111,17 +111,6 @@ void readScenario()
             state.devices.push_back(readDevice(gpu, cuda));
 }
 
-// Records the call and returns the fault that applies to it. The scenario is read
-// by cuInit, by the first call after the module is loaded, and by the first call
-// after a new scenario is set: the library initialises the driver once per
-// process, and tests and hosts change the machine under it.
-std::optional<sim::Fault> enter(const char* entry, std::int64_t device = -1)
-{
-    if (!driver().scenarioRead || sim::scenarioChanged())
-        readScenario();
-    return sim::enter(entry, device);
-}
-
 std::optional<CUresult> injected(const std::optional<sim::Fault>& fault)
 {
     if (fault && fault->returnCode)
@@ -177,7 +166,7 @@ constexpr ErrorText errorTexts[] = {
 // leaves no text; so does an injected failure, as with the toolkit's stub.
 CUresult lookUpErrorText(const char* entry, CUresult error, const char** text, const char* ErrorText::*field)
 {
-    const auto fault = enter(entry);
+    const auto fault = sim::enter(entry);
     if (!text)
         return CUDA_ERROR_INVALID_VALUE;
     *text = nullptr;
@@ -192,6 +181,15 @@ CUresult lookUpErrorText(const char* entry, CUresult error, const char** text, c
 }
 
 } // namespace
+
+// The scenario is read by cuInit, by the first call after the module is loaded,
+// and by the first call after a new scenario is set: the library initialises the
+// driver once per process, and tests and hosts change the machine under it.
+void sim::followScenario()
+{
+    if (!driver().scenarioRead || sim::scenarioChanged())
+        readScenario();
+}
 
 // The simulator implements exactly the signatures the library calls through.
 #define CHECK_SIGNATURE(function) \
@@ -218,7 +216,7 @@ CHECK_SIGNATURE(cuInit);
 SIM_EXPORT CUresult cuDriverGetVersion(int* driverVersion)
 {
     const sim::Guard guard;
-    const auto fault = enter("cuDriverGetVersion");
+    const auto fault = sim::enter("cuDriverGetVersion");
     if (const auto code = injected(fault))
         return *code;
     if (!driverVersion)
@@ -231,7 +229,7 @@ CHECK_SIGNATURE(cuDriverGetVersion);
 SIM_EXPORT CUresult cuDeviceGetCount(int* count)
 {
     const sim::Guard guard;
-    const auto fault = enter("cuDeviceGetCount");
+    const auto fault = sim::enter("cuDeviceGetCount");
     if (const auto code = injected(fault))
         return *code;
     if (const CUresult state = deviceCallState(count))
@@ -249,7 +247,7 @@ CHECK_SIGNATURE(cuDeviceGetCount);
 SIM_EXPORT CUresult cuDeviceGet(CUdevice* device, int ordinal)
 {
     const sim::Guard guard;
-    const auto fault = enter("cuDeviceGet", ordinal);
+    const auto fault = sim::enter("cuDeviceGet", ordinal);
     if (const auto code = injected(fault))
         return *code;
     if (const CUresult state = deviceCallState(device))
@@ -264,7 +262,7 @@ CHECK_SIGNATURE(cuDeviceGet);
 SIM_EXPORT CUresult cuDeviceGetName(char* name, int length, CUdevice handle)
 {
     const sim::Guard guard;
-    const auto fault = enter("cuDeviceGetName", handle);
+    const auto fault = sim::enter("cuDeviceGetName", handle);
     if (const auto code = injected(fault))
         return *code;
     if (const CUresult state = deviceCallState(name))
@@ -296,7 +294,7 @@ CHECK_SIGNATURE(cuDeviceGetName);
 SIM_EXPORT CUresult cuDeviceGetAttribute(int* value, CUdevice_attribute attribute, CUdevice handle)
 {
     const sim::Guard guard;
-    const auto fault = enter("cuDeviceGetAttribute", handle);
+    const auto fault = sim::enter("cuDeviceGetAttribute", handle);
     // A fault that names an attribute hits only that one.
     const nlohmann::json& only = fault ? member(fault->spec, "attribute") : nlohmann::json();
     if (const auto code = injected(fault); code && (only.is_null() || only == static_cast<std::int64_t>(attribute)))

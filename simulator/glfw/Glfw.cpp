@@ -63,6 +63,15 @@ bool requireInitialized()
 
 } // namespace
 
+// A scenario set while GLFW is initialised brings its faults in from this call
+// on. The monitors stay those glfwInit found: GLFW updates its list only while
+// it processes events, which no caller of this module does.
+void sim::followScenario()
+{
+    if (glfw().initialized && sim::scenarioChanged())
+        sim::reload();
+}
+
 // The simulator implements exactly the signatures the library calls through.
 #define CHECK_SIGNATURE(function) \
     static_assert(std::is_same_v<decltype(&function), PFN_##function>, #function " has the wrong signature")

@@ -42,18 +42,12 @@ Driver& driver()
 
 const Machine& machine() { return driver().machine; }
 
-// A fresh look at the scenario when the driver starts ('starting'), and at any
-// call when a new one was set while it runs: a GPU's handle, its place in the
-// list, reads the new values, and the handle of a GPU gone is refused.
-void follow(bool starting)
+// A fresh look at the scenario: when the driver starts, and when a new one was
+// set while it runs (followScenario).
+void readScenario()
 {
-    Driver& state = driver();
-    if (state.initializations == 0 ? !starting : !sim::scenarioChanged())
-        return;
     sim::reload();
-    if (state.initializations == 0)
-        sim::initLatency("nvapi");
-    state.machine = readMachine(sim::scenario());
+    driver().machine = readMachine(sim::scenario());
 }
 
 template <class Token>
@@ -85,7 +79,6 @@ struct GpuCall {
 
 GpuCall enterGpu(const char* entry, NvPhysicalGpuHandle handle, bool argumentsValid)
 {
-    follow(false);
     const long index = indexOf(handle, physicalHandles, machine().gpus.size());
     GpuCall call{NVAPI_OK, sim::enter(entry, index), nullptr};
     call.status = precheck(call.fault, argumentsValid && handle != nullptr);
@@ -168,7 +161,10 @@ NvAPI_Status NvAPI_Initialize()
     const sim::Guard guard;
     Driver& state = driver();
     // The scenario is read when the driver starts, so its faults already apply here.
-    follow(true);
+    if (state.initializations == 0) {
+        readScenario();
+        sim::initLatency("nvapi");
+    }
     const auto fault = sim::enter("NvAPI_Initialize");
     const NvAPI_Status status = precheck(fault, true, false);
     if (status == NVAPI_OK)
@@ -423,3 +419,12 @@ const Entry entries[] = {
 const std::size_t entryCount = sizeof(entries) / sizeof(entries[0]);
 
 } // namespace simnvapi
+
+// A scenario set while the driver runs: a GPU's handle, its place in the list,
+// reads the new values, the handle of a GPU gone is refused, and the new faults
+// apply from this call on.
+void sim::followScenario()
+{
+    if (simnvapi::driver().initializations > 0 && sim::scenarioChanged())
+        simnvapi::readScenario();
+}

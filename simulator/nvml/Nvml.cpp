@@ -72,10 +72,18 @@ Call begin(const char* entry, std::int64_t device, bool argumentsValid)
     return call;
 }
 
+bool holds(const std::vector<std::unique_ptr<nvmlDevice_st>>& devices, nvmlDevice_t handle)
+{
+    return std::any_of(devices.begin(), devices.end(), [handle](const auto& d) { return d.get() == handle; });
+}
+
+} // namespace
+
 // A scenario set while NVML is initialised, seen as a running driver sees its
 // GPUs change: a device already handed out keeps its handle and takes the new
 // readings, a device whose GPU is gone is lost, and a new GPU is listed last.
-void follow()
+// Its faults apply from this call on.
+void sim::followScenario()
 {
     Nvml& state = nvml();
     if (state.initializations == 0 || !sim::scenarioChanged())
@@ -103,10 +111,7 @@ void follow()
     state.machine.driverVersion = fresh.driverVersion;
 }
 
-bool holds(const std::vector<std::unique_ptr<nvmlDevice_st>>& devices, nvmlDevice_t handle)
-{
-    return std::any_of(devices.begin(), devices.end(), [handle](const auto& d) { return d.get() == handle; });
-}
+namespace {
 
 // A device query: also finds the device behind the handle, comparing addresses
 // only, so a stale or made-up handle is never dereferenced.
@@ -116,7 +121,6 @@ struct DeviceCall : Call {
 
 DeviceCall beginDevice(const char* entry, nvmlDevice_t handle, const void* output)
 {
-    follow();
     nvmlDevice_st* device = holds(nvml().machine.devices, handle) ? handle : nullptr;
     DeviceCall call{begin(entry, device ? device->index : -1, device && output)};
     if (call.proceeds() && holds(nvml().lost, handle))
@@ -168,9 +172,7 @@ SIM_EXPORT nvmlReturn_t nvmlInit_v2()
 {
     const sim::Guard guard;
     Nvml& state = nvml();
-    // A nested initialisation sees a new scenario too, so that a program that
-    // keeps NVML open follows the machine.
-    follow();
+    // A nested one has followed a new scenario with the Guard, as every call does.
     if (state.initializations == 0) {
         sim::reload();
         sim::initLatency("nvml");

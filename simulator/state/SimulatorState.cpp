@@ -4,12 +4,14 @@
 #include <optional>
 #include <string>
 
+#include "state/Journal.h"
+
 namespace {
 
 struct State {
     std::mutex mutex;
     std::optional<std::string> scenario;
-    std::string journal;
+    sim::Journal journal;
     unsigned long generation = 0;
 };
 
@@ -61,8 +63,7 @@ void kestrelSimRecord(const char* event)
 {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.journal += event ? event : "";
-    s.journal += '\n';
+    s.journal.add(event ? event : "");
 }
 
 const char* kestrelSimJournal()
@@ -70,7 +71,7 @@ const char* kestrelSimJournal()
     static thread_local std::string copy;
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    copy = s.journal;
+    copy = s.journal.text();
     return copy.c_str();
 }
 

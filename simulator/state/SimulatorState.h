@@ -35,7 +35,9 @@ SIM_STATE_API int kestrelSimCallDepth(int change);
 // Appends one event ("glfwInit", "load glfw", ...) to the journal.
 SIM_STATE_API void kestrelSimRecord(const char* event);
 
-// The journal, one event per line. Valid until the next call on this thread.
+// The journal, one event per line: the newest events since it was last cleared
+// that fit in a megabyte, after a line "journal: <n> older events dropped" when
+// there were more. Valid until the next call on this thread.
 SIM_STATE_API const char* kestrelSimJournal();
 
 SIM_STATE_API void kestrelSimClearJournal();
