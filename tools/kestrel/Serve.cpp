@@ -1,27 +1,15 @@
 #include "Serve.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <mutex>
-#include <thread>
+#include <utility>
 
-#if defined(KESTREL_HTTP)
-#include <httplib.h>
-#endif
-
+#include "Http.h"
 #include "Platform.h"
 #include "Prometheus.h"
 
 namespace kestrel {
-
-#if !defined(KESTREL_HTTP)
-int serve(const ServeOptions&, const std::vector<libKestrel::GPUQuerier>&, const std::function<void()>&)
-{
-    std::fprintf(stderr, "kestrel: this build cannot serve: it was made without an HTTP library\n");
-    return 1;
-}
-#else
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -67,8 +55,7 @@ int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>
     Clock::time_point refreshed = Clock::now();
     Clock::time_point rescanned = refreshed;
 
-    httplib::Server server;
-    server.Get("/metrics", [&](const httplib::Request&, httplib::Response& response) {
+    const auto metrics = [&] {
         const auto start = Clock::now();
         {
             // Scrapes closer together than the interval share one refresh.
@@ -91,28 +78,19 @@ int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>
                       "# TYPE kestrel_scrape_duration_seconds gauge\nkestrel_scrape_duration_seconds %.9f\n",
                       std::chrono::duration<double>(Clock::now() - start).count());
         body += duration;
-        response.set_content(body, "text/plain; version=0.0.4; charset=utf-8");
-    });
-    server.Get("/", [](const httplib::Request&, httplib::Response& response) { response.set_content(page, "text/html"); });
+        return http::Content{"text/plain; version=0.0.4; charset=utf-8", std::move(body)};
+    };
+    http::Server server({{"/metrics", metrics}, {"/", [] { return http::Content{"text/html", page}; }}});
 
-    if (!server.bind_to_port(host.c_str(), port)) {
+    if (!server.listen(host, port)) {
         std::fprintf(stderr, "kestrel: cannot listen on %s\n", options.listen.c_str());
         return 1;
     }
     catchInterrupt();
-    std::atomic<bool> done{false};
-    std::thread stopper([&server, &done] {
-        while (!interrupted() && !done)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        server.stop();
-    });
     std::fprintf(stderr, "kestrel: serving http://%s/metrics\n", options.listen.c_str());
     std::fflush(stderr);
-    server.listen_after_bind();
-    done = true;
-    stopper.join();
+    server.run(interrupted);
     return 0;
 }
-#endif
 
 } // namespace kestrel
