@@ -2,6 +2,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -38,7 +40,8 @@ int exitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 12
 
 } // namespace
 
-ServedKestrel::ServedKestrel(const std::string& program, const std::string& scenario)
+ServedKestrel::ServedKestrel(const std::string& program, const std::string& scenario,
+                             const std::vector<std::string>& options)
 {
     // Another program may take the chosen port first: then kestrel ends, and
     // another port is tried.
@@ -46,6 +49,7 @@ ServedKestrel::ServedKestrel(const std::string& program, const std::string& scen
         port_ = freePort();
         std::vector<std::string> arguments = {program, "serve", "--simulate", scenario,
                                               "--listen", "127.0.0.1:" + std::to_string(port_)};
+        arguments.insert(arguments.end(), options.begin(), options.end());
         std::vector<char*> argv;
         for (std::string& argument : arguments)
             argv.push_back(argument.data());
@@ -94,12 +98,40 @@ long ServedKestrel::residentBytes() const
 
 int ServedKestrel::openSockets() const
 {
+    // The TCP sockets of its network namespace, by inode; the pipes and
+    // socket pairs to its helpers are not among them.
+    std::set<std::string> tcp;
+    for (const char* table : {"tcp", "tcp6"}) {
+        std::ifstream file("/proc/" + std::to_string(pid_) + "/net/" + table);
+        std::string line;
+        std::getline(file, line); // the column names
+        while (std::getline(file, line)) {
+            std::istringstream fields(line);
+            std::string field;
+            for (int column = 0; column < 10 && fields >> field; ++column) {
+            }
+            tcp.insert("socket:[" + field + "]");
+        }
+    }
     int sockets = 0;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", error))
-        if (std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0)
+        if (tcp.count(std::filesystem::read_symlink(entry.path(), error).string()))
             ++sockets;
     return sockets;
+}
+
+std::vector<int> ServedKestrel::children() const
+{
+    // Each thread lists the children it started.
+    std::vector<int> children;
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", error)) {
+        std::ifstream file(task.path() / "children");
+        for (int child = 0; file >> child;)
+            children.push_back(child);
+    }
+    return children;
 }
 
 int ServedKestrel::stop(std::chrono::milliseconds deadline)

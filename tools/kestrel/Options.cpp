@@ -57,7 +57,7 @@ Parsed parseCommandLine(int argc, char** argv)
 
     ServeOptions serve;
     auto* serveCommand = app.add_subcommand("serve", "Serve the GPUs' readings to Prometheus at /metrics over HTTP, "
-                                                     "refreshed at most once per interval, until interrupted");
+                                                     "read once per interval in helper processes, until interrupted");
     serveCommand->fallthrough(); // --simulate and --log-level work after it too
     serveCommand->add_option("--listen", serve.listen, "The address and port to listen on (all interfaces: 0.0.0.0:PORT)")
         ->type_name("ADDRESS:PORT")
@@ -66,6 +66,10 @@ Parsed parseCommandLine(int argc, char** argv)
         ->type_name("SECONDS")
         ->check(positiveSeconds)
         ->capture_default_str();
+    serveCommand->add_flag("--in-process", serve.inProcess,
+                           "Call the vendor interfaces in this process instead of in helper processes: a little "
+                           "cheaper, but a driver that crashes takes the server down with it, and one that hangs "
+                           "freezes the readings until the server is restarted");
 
     try {
         app.parse(argc, argv);

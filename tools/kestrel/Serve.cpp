@@ -1,13 +1,15 @@
 #include "Serve.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <mutex>
+#include <cstdlib>
+#include <optional>
 #include <utility>
 
 #include "Http.h"
 #include "Platform.h"
-#include "Prometheus.h"
+#include "Refresher.h"
 
 namespace kestrel {
 namespace {
@@ -49,29 +51,11 @@ int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>
         std::fprintf(stderr, "kestrel: '%s' is no ADDRESS:PORT to listen on\n", options.listen.c_str());
         return 2;
     }
-    libKestrel::Session session(sources);
     const auto interval = std::chrono::duration<double>(options.intervalSeconds);
-    std::mutex refreshing;
-    Clock::time_point refreshed = Clock::now();
-    Clock::time_point rescanned = refreshed;
-
-    const auto metrics = [&] {
+    std::optional<Refresher> refresher;
+    const auto metrics = [&refresher] {
         const auto start = Clock::now();
-        {
-            // Scrapes closer together than the interval share one refresh.
-            const std::lock_guard<std::mutex> lock(refreshing);
-            if (start - refreshed >= interval) {
-                beforeRefresh();
-                if (start - rescanned >= rescanInterval) {
-                    session.rescan();
-                    rescanned = start;
-                } else {
-                    session.refresh();
-                }
-                refreshed = Clock::now();
-            }
-        }
-        std::string body = prometheusExposition(session);
+        std::string body = *refresher->latest();
         char duration[160];
         std::snprintf(duration, sizeof duration,
                       "# HELP kestrel_scrape_duration_seconds How long this scrape took.\n"
@@ -81,15 +65,34 @@ int serve(const ServeOptions& options, const std::vector<libKestrel::GPUQuerier>
         return http::Content{"text/plain; version=0.0.4; charset=utf-8", std::move(body)};
     };
     http::Server server({{"/metrics", metrics}, {"/", [] { return http::Content{"text/html", page}; }}});
-
     if (!server.listen(host, port)) {
         std::fprintf(stderr, "kestrel: cannot listen on %s\n", options.listen.c_str());
         return 1;
     }
     catchInterrupt();
+
+    libKestrel::SessionOptions session;
+    session.isolate = !options.inProcess;
+    // A helper answers within the interval, or within two seconds when the
+    // interval is longer; a quarter of a second is the least a driver gets.
+    session.deadline = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::clamp<std::chrono::duration<double>>(interval, std::chrono::milliseconds(250), std::chrono::seconds(2)));
+    refresher.emplace(sources, session, interval, beforeRefresh);
+    // Connections wait in the queue while the GPUs are enumerated the first
+    // time, so that the first scrapes see them; a vendor that hangs in-process
+    // keeps them from it for five seconds at most.
+    refresher->awaitFirst(std::chrono::seconds(5), interrupted);
     std::fprintf(stderr, "kestrel: serving http://%s/metrics\n", options.listen.c_str());
     std::fflush(stderr);
     server.run(interrupted);
+
+    // The session closes on its own thread. A vendor call that does not return
+    // in time is left behind: the process ends, and its helpers with it.
+    if (!refresher->stop(std::chrono::milliseconds(1500))) {
+        std::fputs("kestrel: a vendor call did not return; stopping without it\n", stderr);
+        std::fflush(stderr);
+        std::_Exit(0);
+    }
     return 0;
 }
 

@@ -82,10 +82,18 @@ std::optional<RemoteSource::Enumeration> RemoteSource::enumeration(Clock::time_p
     if (auto output = answer(until)) {
         last_ = std::move(output);
         ++generation_;
+        return fromAnswer(*last_);
     }
     if (!last_)
         return std::nullopt;
-    return fromAnswer(*last_);
+    // The GPUs as the helper last enumerated them, without the readings of then.
+    probe::Output stale = *last_;
+    for (auto& record : stale.records) {
+        auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*record));
+        clearReadings(*gpu);
+        record = std::move(gpu);
+    }
+    return fromAnswer(stale);
 }
 
 void RemoteSource::takeReadings(Clock::time_point until)
