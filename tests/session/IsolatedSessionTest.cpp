@@ -3,6 +3,7 @@
 // that hangs or crashes mid-run costs its own source only, within the deadline,
 // until a helper started again answers.
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -151,6 +152,23 @@ TEST(IsolatedSession, AVendorThatHangsOrCrashesMidRunCostsItsOwnSourceUntilItsHe
                          "3|61 " + helper + "was started again and answers; its readings are back"}))
             << "said once each: when it went down, and when it came back";
     }
+}
+
+// A host may open and refresh a session from threads that end before it: its
+// helpers live on.
+TEST(IsolatedSession, HelpersOutliveTheThreadsThatStartedThem)
+{
+    const MachineInFile machine(example("workstation").dump());
+    std::optional<libKestrel::Session> session;
+    std::thread([&] { session.emplace(ownSources, isolated()); }).join();
+    std::thread([&] { session->rescan(); }).join();
+    LogCapture log(Priority::WARNING);
+    std::this_thread::sleep_for(100ms);
+    session->refresh();
+    EXPECT_EQ(states(*session), (Lines{"nvml up", "nvapi up", "cuda up", "adl up"}));
+    for (const auto& source : session->sources())
+        EXPECT_EQ(source.restarts, 0u) << source.name;
+    EXPECT_EQ(log.of("libKestrel.Session"), Lines{});
 }
 
 #if !defined(_WIN32)

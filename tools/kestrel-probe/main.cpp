@@ -20,7 +20,11 @@
 #if defined(_WIN32)
 #include <windows.h>
 #else
+#include <chrono>
+#include <thread>
+
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 #endif
 
@@ -115,6 +119,24 @@ bool nextRequest(std::string& line)
     }
 }
 
+#if !defined(_WIN32)
+// A session's helper is not tied to the thread that started it, which a host
+// may end long before the session: it watches the host's end of its request
+// pipe instead. Once that is gone, the requests have ended and the session
+// loop lets its vendor go and returns; a helper stuck in a vendor call is ended
+// here a moment later.
+void endWithHost()
+{
+    std::thread([] {
+        pollfd host{requests, 0, 0}; // a hang-up is reported whatever is asked for
+        while (poll(&host, 1, -1) < 0 && errno == EINTR) {
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        _exit(0);
+    }).detach();
+}
+#endif
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -153,6 +175,9 @@ int main(int argc, char** argv)
     tova::LogFactory::setSink([](const std::string& logger, tova::LoggerPriority::LOGGER_PRIORITY priority,
                                  const std::string& text) { write(libKestrel::probe::logLine(logger, priority, text)); });
     if (requestPipe) {
+#if !defined(_WIN32)
+        endWithHost();
+#endif
         libKestrel::probe::serveSession(*source, nextRequest, [](const std::string& text) { write(text); });
         return 0;
     }

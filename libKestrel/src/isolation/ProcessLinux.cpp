@@ -69,9 +69,11 @@ void closeAllFrom(int first, int kept, long openMost)
 
 [[noreturn]] void becomeChild(const Setup& setup)
 {
-    // It dies with the thread that made it. A parent that ended before this
-    // was set has left it to another process already: it ends at once.
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != setup.parent)
+    // A one-shot helper dies with the thread that made it. A session's helper
+    // outlives that thread (a host may refresh from short-lived threads) and
+    // ends when its request pipe hangs up instead. A parent that ended before
+    // this was set has left it to another process already: it ends at once.
+    if ((setup.request < 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) || getppid() != setup.parent)
         _exit(127);
     // A session and process group of its own: what it starts is stopped with
     // it, and a terminal's job control leaves it alone.
