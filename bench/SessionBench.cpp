@@ -2,6 +2,8 @@
 // made directly, and against a one-shot query of the same sources: for the
 // simulated workstation, a simulated machine of 16 GPUs, and the workstation
 // with drivers that take 250 ms to start.
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -65,7 +67,8 @@ std::string slowWorkstation() {
 
 enum MachineKind { Workstation, Sixteen, SlowWorkstation };
 
-// The machine of a benchmark's argument, in force while it lives.
+// The machine of a benchmark's argument, in force while it lives: set in this
+// process, and in the file KESTREL_SIM_SCENARIO names for helper processes.
 class Machine {
 public:
     explicit Machine(const benchmark::State &state) {
@@ -75,8 +78,17 @@ public:
                                      : kind == SlowWorkstation ? slowWorkstation()
                                                                : workstation();
         kestrelSimSetScenario(scenario.c_str());
+        std::ofstream(file_) << scenario;
+        setenv("KESTREL_SIM_SCENARIO", file_.c_str(), 1);
     }
-    ~Machine() { kestrelSimSetScenario(nullptr); }
+    ~Machine() {
+        kestrelSimSetScenario(nullptr);
+        setenv("KESTREL_SIM_SCENARIO", KESTREL_WORKSTATION, 1);
+        std::remove(file_.c_str());
+    }
+
+private:
+    const std::string file_ = kestrel::test::temporaryPath("bench-machine.json");
 };
 
 void BM_OneShotQuery(benchmark::State &state) {
@@ -92,6 +104,18 @@ void BM_SessionRefresh(benchmark::State &state) {
     libKestrel::Session session(sources);
     for (auto _ : state)
         session.refresh();
+}
+
+// The same, each source in a helper process.
+void BM_IsolatedSessionRefresh(benchmark::State &state) {
+    const Machine machine(state);
+    libKestrel::SessionOptions isolated;
+    isolated.isolate = true;
+    libKestrel::Session session(sources, isolated);
+    for (auto _ : state)
+        session.refresh();
+    if (!session.sources().empty() && !session.sources().front().up)
+        state.SkipWithError("the helpers did not answer");
 }
 
 void *allocate(int size) {
@@ -204,6 +228,7 @@ void machines(benchmark::internal::Benchmark *benchmark) {
 
 BENCHMARK(BM_DirectVendorCalls)->Apply(machines);
 BENCHMARK(BM_SessionRefresh)->Apply(machines);
+BENCHMARK(BM_IsolatedSessionRefresh)->Apply(machines);
 BENCHMARK(BM_OneShotQuery)->Apply(machines);
 BENCHMARK(BM_SessionRefresh)->Arg(SlowWorkstation)->ArgName("slow")->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_OneShotQuery)

@@ -3,7 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -11,6 +13,10 @@
 #include <thread>
 
 #include "state/SimulatorState.h"
+
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
 
 namespace sim {
 namespace {
@@ -45,6 +51,42 @@ struct ModuleLock {
 ModuleLock moduleLock;
 
 // Read and written under the module's lock.
+// What tells one version of a file from another without reading it: its
+// identity (replaced by a rename, it is another file), size and time.
+struct FileStamp {
+    std::uint64_t identity = 0;
+    std::uintmax_t size = 0;
+    std::int64_t modified = 0; // in the clock's own units
+
+    bool operator==(const FileStamp& other) const
+    {
+        return identity == other.identity && size == other.size && modified == other.modified;
+    }
+    bool operator!=(const FileStamp& other) const { return !(*this == other); }
+};
+
+std::optional<FileStamp> stampOf(const std::string& path)
+{
+#if defined(_WIN32)
+    std::error_code error;
+    const auto fsPath = std::filesystem::u8path(path);
+    const auto modified = std::filesystem::last_write_time(fsPath, error);
+    if (error)
+        return std::nullopt;
+    const auto size = std::filesystem::file_size(fsPath, error);
+    if (error)
+        return std::nullopt;
+    return FileStamp{0, size, static_cast<std::int64_t>(modified.time_since_epoch().count())};
+#else
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0)
+        return std::nullopt;
+    return FileStamp{static_cast<std::uint64_t>(status.st_ino) ^ (static_cast<std::uint64_t>(status.st_dev) << 32),
+                     static_cast<std::uintmax_t>(status.st_size),
+                     static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec};
+#endif
+}
+
 struct ModuleState {
     nlohmann::json scenario = nlohmann::json::object();
     std::map<std::string, std::int64_t> calls;
@@ -54,6 +96,7 @@ struct ModuleState {
     bool fromFile = false;
     std::string path;
     std::optional<std::string> contents;
+    std::optional<FileStamp> stamp; // of the file when it was read
     bool readThisCall = false; // since the outermost Guard of this call was taken
 };
 
@@ -112,6 +155,7 @@ nlohmann::json loadScenario(ModuleState& state)
     if (text)
         return parse(text, "scenario text");
     state.path = scenarioPath();
+    state.stamp = state.path.empty() ? std::nullopt : stampOf(state.path);
     state.contents = state.path.empty() ? std::nullopt : readFile(state.path);
     if (state.path.empty())
         return nlohmann::json::object();
@@ -236,10 +280,10 @@ bool scenarioChanged()
         return true;
     if (!state.fromFile)
         return false;
-    // Read whole each time: a file rewritten within its timestamp's resolution,
-    // at the same size, is still seen.
+    // Looked at, not read, at every call: a file renamed over it, or written
+    // again at another size or time, is read anew.
     const std::string path = scenarioPath();
-    return path != state.path || (!path.empty() && readFile(path) != state.contents);
+    return path != state.path || (!path.empty() && stampOf(path) != state.stamp);
 }
 
 std::optional<Fault> enter(const char* entry, std::int64_t device)

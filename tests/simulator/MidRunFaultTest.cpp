@@ -1,12 +1,12 @@
 // A vendor that answers for a while and then fails ("fromCall"), and faults a
 // new scenario brings in and takes away while the vendor stays open, set as a
 // test sets it or rewritten in the scenario file a child process follows.
-#include <cstdio>
-#include <fstream>
 #include <functional>
+#include <optional>
 
 #include <nlohmann/json.hpp>
 
+#include "common/MachineInFile.h"
 #include "common/Paths.h"
 #include "common/Process.h"
 #include "common/Test.h"
@@ -20,24 +20,19 @@ using namespace kestrel::test;
 using nlohmann::json;
 
 // The machine the library runs on, changed under it: set through the
-// simulator's control, or rewritten in the file KESTREL_SIM_SCENARIO names.
+// simulator's control, or written to the file KESTREL_SIM_SCENARIO names.
 class ChangingMachine {
 public:
-    ChangingMachine(bool inFile, const json& machine) : file_(inFile ? temporaryPath("machine.json") : "")
+    ChangingMachine(bool inFile, const json& machine)
     {
-        change(machine);
-        if (inFile) {
-            setEnvironment("KESTREL_SIM_SCENARIO", file_);
-            kestrelSimSetScenario(nullptr);
-        }
+        if (inFile)
+            file_.emplace(checked(machine));
+        else
+            change(machine);
     }
     ~ChangingMachine()
     {
         expectNoErrors();
-        if (!file_.empty()) {
-            setEnvironment("KESTREL_SIM_SCENARIO", "");
-            std::remove(file_.c_str());
-        }
         kestrelSimSetScenario(nullptr);
     }
     ChangingMachine(const ChangingMachine&) = delete;
@@ -45,18 +40,24 @@ public:
 
     void change(const json& machine)
     {
-        const std::string text = machine.dump();
-        if (const char* problem = kestrelSimCheckScenario(text.c_str()))
-            ADD_FAILURE() << "the test's scenario is wrong: " << problem;
-        if (file_.empty()) {
+        const std::string text = checked(machine);
+        if (file_) {
+            file_->change(text);
+        } else {
             expectNoErrors(); // setting a scenario clears the journal
             kestrelSimSetScenario(text.c_str());
-        } else {
-            std::ofstream(file_, std::ios::trunc) << text;
         }
     }
 
 private:
+    static std::string checked(const json& machine)
+    {
+        const std::string text = machine.dump();
+        if (const char* problem = kestrelSimCheckScenario(text.c_str()))
+            ADD_FAILURE() << "the test's scenario is wrong: " << problem;
+        return text;
+    }
+
     static void expectNoErrors()
     {
         const std::string journal = kestrelSimJournal();
@@ -64,7 +65,7 @@ private:
         EXPECT_EQ(journal.find("simulator error"), std::string::npos) << journal;
     }
 
-    std::string file_;
+    std::optional<MachineInFile> file_;
 };
 
 const char* way(bool inFile) { return inFile ? "scenario file rewritten" : "scenario set"; }
