@@ -4,12 +4,14 @@
 // with drivers that take 250 ms to start.
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include "SimulatedMachine.h"
 #include "libKestrel/Query.h"
@@ -116,6 +118,45 @@ void BM_IsolatedSessionRefresh(benchmark::State &state) {
         session.refresh();
     if (!session.sources().empty() && !session.sources().front().up)
         state.SkipWithError("the helpers did not answer");
+}
+
+// Resident memory of a process, in kilobytes (0 when it cannot be read).
+long residentKilobytes(const std::string &process) {
+    std::ifstream statm("/proc/" + process + "/statm");
+    long pages = 0;
+    long resident = 0;
+    statm >> pages >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// This process's resident memory and its helpers'.
+long residentWithHelpers() {
+    long total = residentKilobytes("self");
+    std::error_code error;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", error)) {
+        std::ifstream children(task.path() / "children");
+        for (std::string child; children >> child;)
+            total += residentKilobytes(child);
+    }
+    return total;
+}
+
+// Resident memory after 1,000 refreshes and after 100,000, the helpers' with
+// it (isolated): what grows with each refresh shows as the difference.
+void BM_ResidentAfterRefreshes(benchmark::State &state) {
+    const Machine machine(state);
+    libKestrel::SessionOptions options;
+    options.isolate = state.range(1) != 0;
+    libKestrel::Session session(sources, options);
+    for (auto _ : state) {
+        for (int i = 0; i < 1000; ++i)
+            session.refresh();
+        const long early = residentWithHelpers();
+        for (int i = 1000; i < 100000; ++i)
+            session.refresh();
+        state.counters["kB_after_1k"] = static_cast<double>(early);
+        state.counters["kB_after_100k"] = static_cast<double>(residentWithHelpers());
+    }
 }
 
 void *allocate(int size) {
@@ -231,6 +272,13 @@ BENCHMARK(BM_SessionRefresh)->Apply(machines);
 BENCHMARK(BM_IsolatedSessionRefresh)->Apply(machines);
 BENCHMARK(BM_OneShotQuery)->Apply(machines);
 BENCHMARK(BM_SessionRefresh)->Arg(SlowWorkstation)->ArgName("slow")->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_ResidentAfterRefreshes)
+    ->ArgNames({"machine", "isolated"})
+    ->Args({Workstation, 0})
+    ->Args({Workstation, 1})
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
 BENCHMARK(BM_OneShotQuery)
     ->Arg(SlowWorkstation)
     ->ArgName("slow")

@@ -14,7 +14,9 @@
 
 #include "state/SimulatorState.h"
 
-#if !defined(_WIN32)
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <sys/stat.h>
 #endif
 
@@ -68,15 +70,12 @@ struct FileStamp {
 std::optional<FileStamp> stampOf(const std::string& path)
 {
 #if defined(_WIN32)
-    std::error_code error;
-    const auto fsPath = std::filesystem::u8path(path);
-    const auto modified = std::filesystem::last_write_time(fsPath, error);
-    if (error)
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExW(std::filesystem::u8path(path).wstring().c_str(), GetFileExInfoStandard, &data))
         return std::nullopt;
-    const auto size = std::filesystem::file_size(fsPath, error);
-    if (error)
-        return std::nullopt;
-    return FileStamp{0, size, static_cast<std::int64_t>(modified.time_since_epoch().count())};
+    return FileStamp{0, (static_cast<std::uintmax_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
+                     static_cast<std::int64_t>((static_cast<std::uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
+                                               data.ftLastWriteTime.dwLowDateTime)};
 #else
     struct stat status {};
     if (stat(path.c_str(), &status) != 0)

@@ -37,14 +37,17 @@ json example(const std::string& name)
         fileText(tova::System::getEnvironmentVariable("KESTREL_SCENARIOS").str() + "/" + name + ".json"));
 }
 
-// The machine with every temperature a vendor reports raised.
-json warmer(json machine)
+// The machine warmer and busier: every temperature a vendor reports raised, and
+// the memory NVAPI reports available lowered (on Windows a helper has no NVML).
+json busier(json machine)
 {
     for (json& gpu : machine["gpus"]) {
         if (gpu.contains("nvml") && gpu["nvml"].contains("temperature"))
             gpu["nvml"]["temperature"] = gpu["nvml"]["temperature"].get<int>() + 9;
         if (gpu.contains("adl") && gpu["adl"].contains("overdrive5"))
             gpu["adl"]["overdrive5"]["temperature"] = gpu["adl"]["overdrive5"].value("temperature", 0) + 9000;
+        if (gpu.contains("nvapi") && gpu["nvapi"].contains("memory"))
+            gpu["nvapi"]["memory"]["available"] = gpu["nvapi"]["memory"].value("available", 0) / 2;
     }
     return machine;
 }
@@ -77,7 +80,7 @@ TEST(IsolatedSession, GivesWhatASessionInTheHostsProcessGives)
         EXPECT_EQ(before, describe(inProcess.gpus()));
         EXPECT_EQ(outOfProcess.status(), inProcess.status());
         EXPECT_EQ(states(outOfProcess), states(inProcess));
-        machine.change(warmer(example(name)).dump());
+        machine.change(busier(example(name)).dump());
         inProcess.refresh();
         outOfProcess.refresh();
         EXPECT_EQ(describe(outOfProcess.gpus()), describe(inProcess.gpus()));
@@ -85,6 +88,9 @@ TEST(IsolatedSession, GivesWhatASessionInTheHostsProcessGives)
         EXPECT_EQ(outOfProcess.answering(), inProcess.answering());
     }
 }
+
+bool hasTemperature(const libKestrel::IGPU& gpu) { return gpu.temperatureCurrent().has_value(); }
+bool hasShaderClock(const libKestrel::IGPU& gpu) { return gpu.shaderClock().has_value(); }
 
 // For each vendor that is read again: its reading entries (ADL's of both
 // interfaces: a helper started again reads through the first as it enumerates)
@@ -97,9 +103,13 @@ TEST(IsolatedSession, AVendorThatHangsOrCrashesMidRunCostsItsOwnSourceUntilItsHe
         std::size_t gpu;       // a GPU that source reads, in the snapshot
         bool (*reading)(const libKestrel::IGPU&); // a reading only that source gives it
     } rows[] = {
-        {"nvml", {"nvmlDeviceGetTemperature"}, 0, [](const libKestrel::IGPU& gpu) { return gpu.temperatureCurrent().has_value(); }},
-        {"nvapi", {"NvAPI_GPU_GetAllClockFrequencies"}, 0, [](const libKestrel::IGPU& gpu) { return gpu.shaderClock().has_value(); }},
-        {"adl", {"ADL_Overdrive5_Temperature_Get", "ADL2_Overdrive5_Temperature_Get"}, 2, [](const libKestrel::IGPU& gpu) { return gpu.temperatureCurrent().has_value(); }},
+#if !defined(_WIN32)
+        // Under Wine a helper cannot be shown where NVML is: Wine sets
+        // ProgramW6432 itself in every process it starts.
+        {"nvml", {"nvmlDeviceGetTemperature"}, 0, hasTemperature},
+#endif
+        {"nvapi", {"NvAPI_GPU_GetAllClockFrequencies"}, 0, hasShaderClock},
+        {"adl", {"ADL_Overdrive5_Temperature_Get", "ADL2_Overdrive5_Temperature_Get"}, 2, hasTemperature},
     };
     const auto deadline = 500ms;
     for (const auto& row : rows) {
@@ -159,13 +169,15 @@ TEST(IsolatedSession, AVendorThatHangsOrCrashesMidRunCostsItsOwnSourceUntilItsHe
 TEST(IsolatedSession, HelpersOutliveTheThreadsThatStartedThem)
 {
     const MachineInFile machine(example("workstation").dump());
+    const Lines expected = states(libKestrel::Session(ownSources));
     std::optional<libKestrel::Session> session;
     std::thread([&] { session.emplace(ownSources, isolated()); }).join();
     std::thread([&] { session->rescan(); }).join();
     LogCapture log(Priority::WARNING);
     std::this_thread::sleep_for(100ms);
     session->refresh();
-    EXPECT_EQ(states(*session), (Lines{"nvml up", "nvapi up", "cuda up", "adl up"}));
+    EXPECT_EQ(states(*session), expected);
+    EXPECT_EQ(std::count(expected.begin(), expected.end(), "nvapi up"), 1) << "the machine's vendors answer";
     for (const auto& source : session->sources())
         EXPECT_EQ(source.restarts, 0u) << source.name;
     EXPECT_EQ(log.of("libKestrel.Session"), Lines{});
