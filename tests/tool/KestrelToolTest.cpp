@@ -248,4 +248,32 @@ TEST(KestrelTool, HelpAndVersionEndWell)
     EXPECT_EQ(version.out.rfind("kestrel ", 0), 0u);
 }
 
+#if !defined(_WIN32)
+// Watching with --isolate keeps each vendor in one helper across reports: a
+// temperature entry that crashes from its fourth call on (the first refresh's
+// second GPU) brings NVML's helper down, which helpers started afresh for each
+// report, counting their calls from 0, never would.
+TEST(KestrelTool, WatchingIsolatedKeepsEachVendorInOneHelper)
+{
+    json machine = json::parse(kestrel::test::fileText(scenario("workstation")));
+    machine["faults"] = {{"nvmlDeviceGetTemperature", {{"crash", true}, {"fromCall", 3}}}};
+    const std::string file = kestrel::test::temporaryPath("watched-machine.json");
+    std::ofstream(file) << machine.dump();
+    const std::string command = kestrel::test::executableDirectory() + program + " --simulate " + file +
+                                " --watch 0.2 --isolate --json --log-level 4 & sleep 1.5; kill -TERM $!; wait $!";
+    const ProcessResult run = kestrel::test::runProcess("/bin/sh", {"-c", command});
+    std::remove(file.c_str());
+    EXPECT_EQ(run.exitCode, 0) << "a watch ends well when interrupted";
+    std::vector<bool> read;
+    for (const std::string& line : linesOf(run.out))
+        read.push_back(!json::parse(line)["gpus"][0]["temperatureCurrent"].is_null());
+    ASSERT_GE(read.size(), 4u);
+    EXPECT_TRUE(read.front()) << "read as it was enumerated";
+    EXPECT_FALSE(read[1]) << "the first refresh crashed the helper";
+    EXPECT_TRUE(hasLine(run.err, "libKestrel.Session [CRITICAL] 60 Source nvml's helper crashed with signal 11; "
+                                 "its readings are left out until it answers again"))
+        << run.err;
+}
+#endif
+
 } // namespace
