@@ -28,11 +28,7 @@ struct Refresher::Shared {
     }
 };
 
-namespace {
-
 using Clock = std::chrono::steady_clock;
-
-} // namespace
 
 Refresher::Refresher(std::vector<libKestrel::GPUQuerier> sources, const libKestrel::SessionOptions& options,
                      std::chrono::duration<double> interval, std::function<void()> beforeRefresh)
