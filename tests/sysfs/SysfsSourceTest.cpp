@@ -169,7 +169,7 @@ TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
                      "uuid=3b1f2e4c5d6a7b80 fanSpeedPercent=40 fanSpeedRPM=1650",
                      "0000:65:00.0 name=NVIDIA Corporation GA102 [GeForce RTX 3090] hardwareAcceleration=true "
                      "busType=PCI Express temperatureCurrent=47 fanSpeedPercent=100",
-                     "0000:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
+                     "0001:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
     EXPECT_TRUE(capture.lines().empty()) << "missing files are what a driver does not offer";
 }
 

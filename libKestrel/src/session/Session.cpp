@@ -173,20 +173,28 @@ void readAgain(Kept& kept)
     next.up = kept.enumerated && reached && (readers == 0 || silent < readers);
 }
 
-// Per merged GPU: whether every source that reads it answered for it. 'which'
-// is each source's readings to look at.
-std::vector<bool> answeringOf(const std::vector<Kept>& kept, const Records& merged, bool refreshed)
+// The source's readings as an update left them: 'next' for a source a refresh
+// read, else 'now'.
+const Readings& readingsOf(const Kept& source, bool refreshed)
 {
-    std::vector<pci::PciLocation> silent;
+    return refreshed && source.refreshed() ? source.next : source.now;
+}
+
+// Per merged GPU: whether every source that reads it answered for it. 'merged'
+// is the merge of every source's records (readingsOf each), in order.
+std::vector<bool> answeringOf(const std::vector<Kept>& kept, const Merged& merged, bool refreshed)
+{
+    std::vector<bool> answering(merged.gpus.size(), true);
+    std::size_t first = 0; // the source's first record among all merged
     for (const Kept& source : kept) {
-        const Readings& readings = refreshed && source.refreshed() ? source.next : source.now;
-        for (std::size_t i = 0; i < source.readers(); ++i)
-            if (source.live->gpus[i].read && (!readings.reached || readings.silent[i]))
-                silent.push_back(*source.live->gpus[i].record->pciLocation());
+        const Readings& readings = readingsOf(source, refreshed);
+        for (std::size_t i = 0; i < source.readers(); ++i) {
+            const std::size_t place = merged.places[first + i];
+            if (source.live->gpus[i].read && (!readings.reached || readings.silent[i]) && place < answering.size())
+                answering[place] = false;
+        }
+        first += readings.records.size();
     }
-    std::vector<bool> answering;
-    for (const auto& gpu : merged)
-        answering.push_back(std::find(silent.begin(), silent.end(), *gpu->pciLocation()) == silent.end());
     return answering;
 }
 
@@ -234,7 +242,7 @@ Records recordsOf(const std::vector<Kept>& kept)
 {
     Records records;
     for (const Kept& source : kept) {
-        const Records& own = source.refreshed() ? source.next.records : source.now.records;
+        const Records& own = readingsOf(source, true).records;
         records.insert(records.end(), own.begin(), own.end());
     }
     return records;
@@ -250,7 +258,7 @@ struct Enumeration {
     // again: the readings' merge rules keep the larger or smaller value, in any
     // order. Those sources are all the library's own, so every record is a GPU.
     bool keptOnly = false;
-    Records merged;
+    Merged merged;           // with each record's place
     std::vector<GPU> unread; // per merged GPU: the readings of its records that are not read again
     std::vector<GPU> folded; // per merged GPU: where a refresh folds its readings
 
@@ -258,15 +266,14 @@ struct Enumeration {
     // records that are not read again say of the readings.
     void placeRecords()
     {
-        for (const auto& gpu : merged)
+        for (const auto& gpu : merged.gpus)
             unread.emplace_back(*gpu->pciLocation());
         folded = unread;
+        std::size_t next = 0; // the record's place in the merge's input
         for (Kept& source : kept) {
             for (std::size_t i = 0; i < source.now.records.size(); ++i) {
                 const auto& record = static_cast<const GPU&>(*source.now.records[i]);
-                const auto same = std::find_if(merged.begin(), merged.end(),
-                                               [&record](const auto& gpu) { return gpu->isSameGPU(record); });
-                const auto place = static_cast<std::size_t>(same - merged.begin());
+                const std::size_t place = merged.places[next++];
                 source.merged.push_back(place);
                 const bool read = i < source.readers() && source.live->gpus[i].read;
                 if (!read && place < unread.size())
@@ -280,20 +287,21 @@ struct Enumeration {
     // record readers already have.
     Records fold(const Records& current)
     {
-        for (std::size_t j = 0; j < merged.size(); ++j)
+        const Records& gpus = merged.gpus;
+        for (std::size_t j = 0; j < gpus.size(); ++j)
             takeReadings(folded[j], unread[j]);
         for (const Kept& source : kept)
             for (std::size_t i = 0; i < source.readers(); ++i)
                 if (source.live->gpus[i].read && source.merged[i] < folded.size())
                     foldReadings(folded[source.merged[i]], source.next.values[i]);
         Records result;
-        result.reserve(merged.size());
-        for (std::size_t j = 0; j < merged.size(); ++j) {
+        result.reserve(gpus.size());
+        for (std::size_t j = 0; j < gpus.size(); ++j) {
             if (j < current.size() && sameReadings(static_cast<const GPU&>(*current[j]), folded[j])) {
                 result.push_back(current[j]);
                 continue;
             }
-            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*merged[j]));
+            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*gpus[j]));
             takeReadings(*gpu, folded[j]);
             result.push_back(std::move(gpu));
         }
@@ -320,7 +328,7 @@ struct Session::State {
         std::vector<Source> result;
         result.reserve(enumeration.kept.size());
         for (const Kept& kept : enumeration.kept) {
-            const Readings& readings = refreshed && kept.refreshed() ? kept.next : kept.now;
+            const Readings& readings = readingsOf(kept, refreshed);
             result.push_back({kept.name(), readings.up, kept.remote ? kept.remote->restarts() : 0});
         }
         return result;
@@ -358,13 +366,13 @@ struct Session::State {
         Records all;
         for (const Kept& source : fresh.kept)
             all.insert(all.end(), source.now.records.begin(), source.now.records.end());
-        fresh.merged = mergeGPUs(all);
+        fresh.merged = mergePlaced(all);
         fresh.keptOnly = std::all_of(fresh.kept.begin(), fresh.kept.end(),
                                      [](const Kept& source) { return source.refreshedInPlace(); });
         if (fresh.keptOnly)
             fresh.placeRecords();
-        Records merged = fresh.merged;
-        std::vector<bool> answered = answeringOf(fresh.kept, merged, false);
+        Records merged = fresh.merged.gpus;
+        std::vector<bool> answered = answeringOf(fresh.kept, fresh.merged, false);
         // Everything is enumerated: from here nothing can fail.
         std::swap(enumeration, fresh);
         publish(std::move(merged), std::move(answered), states(false), start, enumeration.status);
@@ -403,15 +411,16 @@ struct Session::State {
             }
         }
         // Only this thread writes the snapshot: it reads it without the lock.
-        Records merged =
-            enumeration.keptOnly ? enumeration.fold(current.gpus) : mergeGPUs(recordsOf(enumeration.kept));
+        // Folded, the GPUs are where the enumeration placed them, each record's in its place.
+        Merged merged = enumeration.keptOnly ? Merged{enumeration.fold(current.gpus), enumeration.merged.places}
+                                             : mergePlaced(recordsOf(enumeration.kept));
         std::vector<bool> answered = answeringOf(enumeration.kept, merged, true);
         std::vector<Source> now = states(true);
         // Everything is read: from here nothing can fail.
         for (Kept& kept : enumeration.kept)
             if (kept.refreshed())
                 std::swap(kept.now, kept.next);
-        publish(std::move(merged), std::move(answered), std::move(now), start, lastStatus);
+        publish(std::move(merged.gpus), std::move(answered), std::move(now), start, lastStatus);
         for (const Kept& kept : enumeration.kept)
             if (kept.live)
                 sayChanges(kept, kept.next);
