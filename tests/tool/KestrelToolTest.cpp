@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <fstream>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -162,7 +163,7 @@ TEST(KestrelTool, PrometheusExpositionOfTheWorkstation)
 
 #if !defined(_WIN32)
     // Every example machine's exposition passes Prometheus's own check.
-    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
+    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons", "cloud-vm"}) {
         const std::string file = kestrel::test::temporaryPath(std::string(machine) + ".prom");
         std::ofstream(file) << kestrelWith({"--simulate", scenario(machine), "--prometheus"}).out;
         const ProcessResult check = kestrel::test::runProcess("/bin/sh", {"-c", "promtool check metrics < " + file});
@@ -170,6 +171,36 @@ TEST(KestrelTool, PrometheusExpositionOfTheWorkstation)
         std::remove(file.c_str());
     }
 #endif
+}
+
+// A cloud machine's four GPUs, each passed through in a PCI domain of its own at
+// bus 0: four GPUs in every output, each with its own location and readings.
+TEST(KestrelTool, EachGpuOfACloudMachineIsShownInItsOwnDomain)
+{
+    const std::vector<std::pair<std::string, int>> gpus = {
+        {"0001:00:00.0", 34}, {"0002:00:00.0", 41}, {"0003:00:00.0", 37}, {"0004:00:00.0", 45}};
+    const ProcessResult text = kestrelWith({"--simulate", scenario("cloud-vm")});
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    const json document = json::parse(kestrelWith({"--simulate", scenario("cloud-vm"), "--json"}).out);
+    ASSERT_EQ(document["gpus"].size(), gpus.size());
+    const std::string exposition = kestrelWith({"--simulate", scenario("cloud-vm"), "--prometheus"}).out;
+    std::set<std::string> uuids;
+    for (size_t i = 0; i < gpus.size(); ++i) {
+        const auto& [location, temperature] = gpus[i];
+        const json& gpu = document["gpus"][i];
+        EXPECT_EQ(gpu["pciLocation"], location);
+        EXPECT_EQ(gpu["temperatureCurrent"], temperature) << location;
+        uuids.insert(gpu["uuid"].get<std::string>());
+        // The report's block of the GPU: its location first, its own temperature in it.
+        const std::string block = text.out.substr(text.out.find(location + "  "));
+        EXPECT_NE(block.substr(0, block.find("\n\n")).find("  Temperature: " + std::to_string(temperature) + " °C"),
+                  std::string::npos)
+            << location << "\n" << text.out;
+        EXPECT_TRUE(hasLine(exposition, "kestrel_gpu_temperature_celsius{pci=\"" + location + "\",uuid=\"" +
+                                            gpu["uuid"].get<std::string>() + "\"} " + std::to_string(temperature)))
+            << exposition;
+    }
+    EXPECT_EQ(uuids.size(), gpus.size()) << "each GPU's own identity";
 }
 
 TEST(KestrelTool, AnEmptyMachineSaysSo)
