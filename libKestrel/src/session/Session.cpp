@@ -59,7 +59,7 @@ struct Kept {
     std::shared_ptr<session::RemoteSource> remote;
     unsigned long generation = 0;    // which of the helper's enumerations it holds
     std::optional<LiveSource> live;  // for a source read through handles
-    std::vector<std::size_t> merged; // per record: its place among the merged GPUs
+    std::vector<std::size_t> merged; // per record: its place among the GPUs merged at enumeration
     bool enumerated = false;         // its last enumeration worked
     Readings now;                    // of the last enumeration or refresh
     Readings next;                   // where a refresh reads to, swapped with 'now' when it is done
@@ -221,13 +221,17 @@ void renewRecords(Kept& kept)
 }
 
 // Says which GPUs stopped or started answering at the refresh just committed:
-// 'before' is what the source's readings were.
-void sayChanges(const Kept& kept, const Readings& before)
+// 'before' is what the source's readings were. A GPU is named by the location
+// of the merged GPU ('gpus', as enumerated) its record is part of, with the
+// domain that a record without one took.
+void sayChanges(const Kept& kept, const Readings& before, const Records& gpus)
 {
     for (std::size_t i = 0; i < kept.now.silent.size(); ++i) {
         if (kept.now.silent[i] == before.silent[i])
             continue;
-        const pci::PciLocation location = *kept.live->gpus[i].record->pciLocation();
+        const std::size_t place = kept.merged[i];
+        const pci::PciLocation location =
+            *(place < gpus.size() ? gpus[place] : kept.live->gpus[i].record)->pciLocation();
         if (kept.now.silent[i])
             log(site, Priority::WARNING, "41 ", "GPU no longer answers, its readings are left out: ", location, " (",
                 kept.name(), ")");
@@ -262,22 +266,28 @@ struct Enumeration {
     std::vector<GPU> unread; // per merged GPU: the readings of its records that are not read again
     std::vector<GPU> folded; // per merged GPU: where a refresh folds its readings
 
-    // Where each record of the sources went among the merged GPUs, and what the
-    // records that are not read again say of the readings.
+    // Where each record of the sources went among the merged GPUs.
     void placeRecords()
+    {
+        auto place = merged.places.begin();
+        for (Kept& source : kept) {
+            const auto records = static_cast<std::ptrdiff_t>(source.now.records.size());
+            source.merged.assign(place, place + records);
+            place += records;
+        }
+    }
+
+    // What the records that are not read again say of the readings.
+    void keepUnread()
     {
         for (const auto& gpu : merged.gpus)
             unread.emplace_back(*gpu->pciLocation());
         folded = unread;
-        std::size_t next = 0; // the record's place in the merge's input
-        for (Kept& source : kept) {
+        for (const Kept& source : kept) {
             for (std::size_t i = 0; i < source.now.records.size(); ++i) {
-                const auto& record = static_cast<const GPU&>(*source.now.records[i]);
-                const std::size_t place = merged.places[next++];
-                source.merged.push_back(place);
                 const bool read = i < source.readers() && source.live->gpus[i].read;
-                if (!read && place < unread.size())
-                    foldReadings(unread[place], record);
+                if (!read && source.merged[i] < unread.size())
+                    foldReadings(unread[source.merged[i]], static_cast<const GPU&>(*source.now.records[i]));
             }
         }
     }
@@ -321,13 +331,13 @@ struct Session::State {
     mutable std::mutex reading; // guards the snapshot
     Snapshot current;
 
-    // How each source stands after the update, from its readings ('next' for
-    // those a refresh read) and its helper.
-    std::vector<Source> states(bool refreshed) const
+    // How each of 'sources' stands after the update, from its readings ('next'
+    // for those a refresh read) and its helper.
+    static std::vector<Source> states(const std::vector<Kept>& sources, bool refreshed)
     {
         std::vector<Source> result;
-        result.reserve(enumeration.kept.size());
-        for (const Kept& kept : enumeration.kept) {
+        result.reserve(sources.size());
+        for (const Kept& kept : sources) {
             const Readings& readings = readingsOf(kept, refreshed);
             result.push_back({kept.name(), readings.up, kept.remote ? kept.remote->restarts() : 0});
         }
@@ -369,13 +379,15 @@ struct Session::State {
         fresh.merged = mergePlaced(all);
         fresh.keptOnly = std::all_of(fresh.kept.begin(), fresh.kept.end(),
                                      [](const Kept& source) { return source.refreshedInPlace(); });
+        fresh.placeRecords();
         if (fresh.keptOnly)
-            fresh.placeRecords();
+            fresh.keepUnread();
         Records merged = fresh.merged.gpus;
         std::vector<bool> answered = answeringOf(fresh.kept, fresh.merged, false);
+        std::vector<Source> now = states(fresh.kept, false);
         // Everything is enumerated: from here nothing can fail.
         std::swap(enumeration, fresh);
-        publish(std::move(merged), std::move(answered), states(false), start, enumeration.status);
+        publish(std::move(merged), std::move(answered), std::move(now), start, enumeration.status);
         // 'fresh' now holds the earlier enumeration: its sources let go of their
         // vendors here, last given first.
         while (!fresh.kept.empty())
@@ -411,11 +423,11 @@ struct Session::State {
             }
         }
         // Only this thread writes the snapshot: it reads it without the lock.
-        // Folded, the GPUs are where the enumeration placed them, each record's in its place.
+        // Folding leaves the GPUs, and each record's place among them, as the enumeration merged them.
         Merged merged = enumeration.keptOnly ? Merged{enumeration.fold(current.gpus), enumeration.merged.places}
                                              : mergePlaced(recordsOf(enumeration.kept));
         std::vector<bool> answered = answeringOf(enumeration.kept, merged, true);
-        std::vector<Source> now = states(true);
+        std::vector<Source> now = states(enumeration.kept, true);
         // Everything is read: from here nothing can fail.
         for (Kept& kept : enumeration.kept)
             if (kept.refreshed())
@@ -423,7 +435,7 @@ struct Session::State {
         publish(std::move(merged.gpus), std::move(answered), std::move(now), start, lastStatus);
         for (const Kept& kept : enumeration.kept)
             if (kept.live)
-                sayChanges(kept, kept.next);
+                sayChanges(kept, kept.next, enumeration.merged.gpus);
     }
 };
 
