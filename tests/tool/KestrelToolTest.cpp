@@ -203,6 +203,34 @@ TEST(KestrelTool, EachGpuOfACloudMachineIsShownInItsOwnDomain)
     EXPECT_EQ(uuids.size(), gpus.size()) << "each GPU's own identity";
 }
 
+// Each source gives the domain in its own width: NVML 32 bits unsigned, CUDA an
+// int (a domain past 2^31 is negative there), sysfs hex text with as many digits
+// as it takes; NVAPI none. All meet in one GPU each, whole.
+TEST(KestrelTool, DomainsOfEveryWidthMeetAcrossSources)
+{
+    const std::string file = kestrel::test::temporaryPath("wide-domains.json");
+    std::ofstream(file) << R"({"gpus": [
+        {"pci": {"domain": 65536, "bus": 23}, "nvml": {"temperature": 50}, "cuda": {}, "nvapi": {"coreCount": 6912},
+         "sysfs": {"vendor": 4318, "device": 8368, "files": {"current_link_speed": "16.0 GT/s PCIe"}}},
+        {"pci": {"domain": 2147483649, "bus": 24}, "nvml": {"temperature": 60}, "cuda": {},
+         "nvapi": {"coreCount": 6912}}]})";
+    const ProcessResult run = kestrelWith({"--simulate", file, "--json"});
+    std::remove(file.c_str());
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const json gpus = json::parse(run.out)["gpus"];
+    ASSERT_EQ(gpus.size(), 2u) << run.out;
+    EXPECT_EQ(gpus[0]["pciLocation"], "10000:17:00.0");
+    EXPECT_EQ(gpus[1]["pciLocation"], "80000001:18:00.0");
+    for (const json& gpu : gpus) {
+        EXPECT_FALSE(gpu["temperatureCurrent"].is_null()) << "NVML's";
+        EXPECT_EQ(gpu["coreCount"], 6912) << "NVAPI's";
+        EXPECT_EQ(gpu["versionMajor"], 8) << "CUDA's";
+    }
+#if !defined(_WIN32)
+    EXPECT_EQ(gpus[0]["busType"], "PCI Express") << "sysfs's";
+#endif
+}
+
 TEST(KestrelTool, AnEmptyMachineSaysSo)
 {
     const std::string empty = kestrel::test::temporaryPath("empty.json");
