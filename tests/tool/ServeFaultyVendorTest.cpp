@@ -116,6 +116,8 @@ TEST(KestrelServe, HelpersEndWithAServerThatIsKilled)
     std::vector<int> helpers;
     {
         ServedKestrel server(kestrel::test::executableDirectory() + "kestrel", file, {"--interval", "0.2"});
+        // The first scrape waits for the first enumeration, which has every helper started.
+        EXPECT_EQ(kestrel::test::httpGet(server.port(), "/metrics", 6s).status, 200);
         helpers = server.children();
         machine["faults"] = {{"nvmlDeviceGetTemperature", {{"hang", true}}}};
         write(file, machine);
