@@ -6,14 +6,12 @@
 
 #include "libKestrel/GPU.h"
 #include "libKestrel/internal/Assert.h"
+#include "libKestrel/internal/Identity.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/Main.h"
 
 namespace libKestrel {
 namespace {
-
-using logging::log;
-using logging::Priority;
 
 logging::LogSite site("libKestrel.Kestrel", "libKestrel/src/Kestrel.cpp");
 
@@ -50,6 +48,16 @@ T larger(T lhs, T rhs)
 }
 
 void* leftHandle(void* lhs, void*) { return lhs; }
+
+// A copy of 'gpu' at 'location'.
+std::shared_ptr<IGPU> relocated(const IGPU& gpu, const pci::PciLocation& location)
+{
+    auto copy = std::make_shared<GPU>(location);
+#define LIBKESTREL_COPY_PROPERTY(type, getter, setter, unit) copy->setter(gpu.getter());
+    LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_COPY_PROPERTY)
+#undef LIBKESTREL_COPY_PROPERTY
+    return copy;
+}
 
 } // namespace
 
@@ -120,28 +128,39 @@ std::shared_ptr<IGPU> mergeTwoGPUs(const std::shared_ptr<IGPU>& gpuLHS, const st
     return gpu;
 }
 
-std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<IGPU>>& gpus)
+Merged mergePlaced(const std::vector<std::shared_ptr<IGPU>>& gpus)
 {
     auto trace = site.trace("mergeGPUs", 120);
-    std::vector<std::shared_ptr<IGPU>> result;
-    // Each location's place in 'result': one lookup per record, not a scan of
+    Merged merged;
+    merged.places.reserve(gpus.size());
+    const Identities identities(gpus);
+    // Each GPU's place in the result: one lookup per record, not a scan of
     // every record before it (a helper's answer may hold many thousands).
-    std::map<std::tuple<std::uint32_t, std::uint8_t, std::uint8_t, std::uint8_t>, std::size_t> placeOf;
+    std::map<std::tuple<bool, std::uint32_t, std::uint8_t, std::uint8_t, std::uint8_t>, std::size_t> placeOf;
     for (const auto& gpu : gpus) {
-        // A null record from a host's source has no location either.
-        const auto location = gpu ? gpu->pciLocation() : std::nullopt;
+        const auto location = identities.of(gpu.get());
         if (!location) {
-            log(site, Priority::WARNING, "294 ", "Could not obtain PCI Location from GPU");
+            merged.places.push_back(leftOut);
             continue;
         }
         const auto [place, first] = placeOf.try_emplace(
-            std::make_tuple(location->domain, location->bus, location->device, location->function), result.size());
+            std::make_tuple(location->domainKnown, location->domain, location->bus, location->device,
+                            location->function),
+            merged.gpus.size());
+        // A record without domain that is a GPU of a known domain merges as that GPU.
+        const auto record = gpu->pciLocation()->domainKnown == location->domainKnown ? gpu : relocated(*gpu, *location);
         if (first)
-            result.push_back(gpu);
+            merged.gpus.push_back(record);
         else
-            result[place->second] = mergeTwoGPUs(result[place->second], gpu);
+            merged.gpus[place->second] = mergeTwoGPUs(merged.gpus[place->second], record);
+        merged.places.push_back(place->second);
     }
-    return result;
+    return merged;
+}
+
+std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<IGPU>>& gpus)
+{
+    return mergePlaced(gpus).gpus;
 }
 
 std::vector<std::shared_ptr<IGPU>> queryAllMonitorGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,

@@ -35,8 +35,9 @@ logging::LogSite site("libKestrel", "libKestrel/windows/AMDGPU");
 // Where ADL places an adapter; ADL has no PCI domain.
 pci::PciLocation locationOf(const AdapterInfo& info)
 {
-    return pci::PciLocation(static_cast<unsigned char>(info.iBusNumber), static_cast<unsigned char>(info.iDeviceNumber),
-                            static_cast<unsigned char>(info.iFunctionNumber), 0);
+    return pci::PciLocation::withoutDomain(static_cast<unsigned char>(info.iBusNumber),
+                                           static_cast<unsigned char>(info.iDeviceNumber),
+                                           static_cast<unsigned char>(info.iFunctionNumber));
 }
 
 // ATI's vendor id, which AMD's GPUs carry, AMD's own id, and 1002 read as a

@@ -100,8 +100,8 @@ NVIDIAGPU::NVIDIAGPU(NvPhysicalGpuHandle handle) : handle_(handle)
     // The slot, system type and name reads are silent: a failure leaves 0 or "".
     NvU32 slotId = 0;
     NvAPI_GPU_GetBusSlotId(handle_, &slotId);
-    location_ = pci::PciLocation(static_cast<unsigned char>(busId & 0xFF), static_cast<unsigned char>(slotId & 0xFF),
-                                 0, 0);
+    location_ = pci::PciLocation::withoutDomain(static_cast<unsigned char>(busId & 0xFF),
+                                                static_cast<unsigned char>(slotId & 0xFF), 0);
     enumerateThermalSensors();
     NvAPI_GPU_GetSystemType(handle_, &systemType_);
     NvAPI_ShortString name = {};
@@ -127,9 +127,11 @@ NVIDIAGPU::NVIDIAGPU(const pci::PciLocation& pciLocation) : location_(pciLocatio
         log(site, Priority::WARNING, "113 ", "No NVIDIA GPUS enumerated.");
         throw std::exception();
     }
-    const auto match = std::find_if(gpus.begin(), gpus.end(),
-                                    [&pciLocation](const NVIDIAGPU& gpu) { return gpu.location_ == pciLocation; });
-    if (match != gpus.end())
+    // NVAPI has no domain: a GPU fits a location in any domain, and of two that
+    // fit (at one bus and slot in two domains) neither is the one.
+    const auto fits = [&pciLocation](const NVIDIAGPU& gpu) { return gpu.location_.fits(pciLocation); };
+    const auto match = std::find_if(gpus.begin(), gpus.end(), fits);
+    if (match != gpus.end() && std::count_if(gpus.begin(), gpus.end(), fits) == 1)
         *this = *match;
 }
 

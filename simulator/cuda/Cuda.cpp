@@ -61,6 +61,16 @@ int integer(const nlohmann::json& object, const char* key, int fallback)
                                                       std::numeric_limits<int>::max()));
 }
 
+// A PCI domain: 32 bits, which the driver's int attribute holds as they are, so
+// a domain past 2^31 reads as a negative int, as NVIDIA's driver gives it.
+int domainOf(const nlohmann::json& pci, int fallback)
+{
+    const auto found = pci.is_object() ? pci.find("domain") : pci.end();
+    if (found == pci.end() || !found->is_number_integer())
+        return fallback;
+    return static_cast<int>(static_cast<std::uint32_t>(found->get<std::int64_t>()));
+}
+
 const nlohmann::json& member(const nlohmann::json& object, const char* key)
 {
     static const nlohmann::json none;
@@ -88,7 +98,7 @@ Device readDevice(const nlohmann::json& gpu, const nlohmann::json& cuda)
     device.memoryBusWidth = integer(cuda, "memoryBusWidth", 384);
     device.bus = integer(cudaPci, "bus", integer(pci, "bus", 0));
     device.device = integer(cudaPci, "device", integer(pci, "device", 0));
-    device.domain = integer(cudaPci, "domain", integer(pci, "domain", 0));
+    device.domain = domainOf(cudaPci, domainOf(pci, 0));
     for (const auto& id : member(cuda, "unsupportedAttributes"))
         if (id.is_number_integer())
             device.unsupportedAttributes.push_back(id.get<std::int64_t>());

@@ -36,7 +36,8 @@ void writeDevice(const fs::path& root, const json& gpu, const json& section)
 {
     const json pci = gpu.value("pci", json::object());
     char address[32];
-    std::snprintf(address, sizeof address, "%04llx:%02llx:%02llx.%llx", pci.value("domain", 0LL) & 0xFFFF,
+    // The kernel writes the domain with four digits at least, and all it has.
+    std::snprintf(address, sizeof address, "%04llx:%02llx:%02llx.%llx", pci.value("domain", 0LL) & 0xFFFFFFFF,
                   pci.value("bus", 0LL) & 0xFF, pci.value("device", 0LL) & 0x1F, pci.value("function", 0LL) & 0x7);
     const fs::path device = root / "bus/pci/devices" / address;
     write(device / "vendor", hex(section.value("vendor", 0LL), 4));

@@ -19,9 +19,9 @@ LogLine unreadable(int index, const std::string& why)
 }
 
 // Two CUDA devices (the first reporting PCI domain 5), and a GPU that only NVML
-// sees; and the records CUDA gives of them, at domain 0 and function 0 where the
-// other NVIDIA sources place the same GPUs. CUDA reports no cores, memory sizes,
-// driver version or identity of its own.
+// sees; and the records CUDA gives of them, in CUDA's domain and at function 0
+// where the other NVIDIA sources place the same GPUs. CUDA reports no cores,
+// memory sizes, driver version or identity of its own.
 const char* const twoCudaDevices = R"({
   "cudaDriver": {"version": 12040},
   "gpus": [
@@ -34,7 +34,7 @@ const char* const twoCudaDevices = R"({
               "memoryBusWidth": 256}}
   ]})";
 const Lines twoCudaRecords = {
-    "0000:65:00.0 name=NVIDIA GeForce RTX 3090 graphicsClock=1695000 memoryClock=9751000 memoryWidth=384 "
+    "0005:65:00.0 name=NVIDIA GeForce RTX 3090 graphicsClock=1695000 memoryClock=9751000 memoryWidth=384 "
     "versionMajor=8 versionMinor=6",
     "0000:17:01.0 name=Tesla T4 graphicsClock=1590000 memoryClock=5001000 memoryWidth=256 versionMajor=7 "
     "versionMinor=5"};
@@ -47,7 +47,7 @@ TEST(CudaSource, ReportsEveryDeviceAtTheOtherSourcesLocation)
     EXPECT_EQ(describe(libKestrel::queryNVidiaCudaGPUsMulti(status)), twoCudaRecords);
     EXPECT_EQ(status, std::bitset<4>("1010")) << "the CUDA source leaves the status alone";
     EXPECT_EQ(capture.messages(), (LogLines{versions, discovered(2),
-                                            {querier, 1, "57 Found PCI location information: 0000:65:00.0"},
+                                            {querier, 1, "57 Found PCI location information: 0005:65:00.0"},
                                             {querier, 1, "57 Found PCI location information: 0000:17:01.0"}}));
 }
 

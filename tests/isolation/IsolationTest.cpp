@@ -48,7 +48,7 @@ TEST(Isolation, EveryExampleMachineGivesTheRecordsOfAnInProcessQuery)
 {
     std::vector<libKestrel::GPUQuerier> sources = ownSources;
     sources.push_back(hostSource);
-    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
+    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons", "cloud-vm"}) {
         const auto file = kestrel::test::MachineInFile::existing(scenarioFile(machine));
         std::bitset<4> inProcess;
         const auto expected = describe(libKestrel::queryAllGPUs({}, sources, inProcess));
@@ -169,6 +169,8 @@ TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
         {"kestrel-probe 2\ndone\n", "line 1: not kestrel-probe output"},
         {"kestrel-probe 1\ngpu 0 1 32 0\n", "line 2: not a PCI location: 0 1 32 0"},
         {"kestrel-probe 1\ngpu 0 1 0 8\n", "line 2: not a PCI location: 0 1 0 8"},
+        {"kestrel-probe 1\ngpu 4294967296 1 0 0\n", "line 2: not a PCI location: 4294967296 1 0 0"},
+        {"kestrel-probe 1\ngpu -1 1 0 0\n", "line 2: not a PCI location: -1 1 0 0"},
         {"kestrel-probe 1\ngpu 0 1 0 0\ncolour red\n", "line 3: not a property: colour"},
         {"kestrel-probe 1\ngpu 0 1 0 0\ncoreCount many\n", "line 3: not a property: coreCount"},
         {"kestrel-probe 1\nstatus 12\n", "line 2: not a status: 12"},
@@ -181,9 +183,12 @@ TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
         libKestrel::probe::parse(row.output, problem);
         EXPECT_EQ(problem, row.problem);
     }
-    // What is written reads back whole: texts with every escaped character.
+    // What is written reads back whole: texts with every escaped character, a
+    // domain of 32 bits, a location without domain.
     const auto gpu = std::make_shared<libKestrel::GPU>(pci::PciLocation(0x65, 31, 7, 0));
-    const std::vector<std::shared_ptr<libKestrel::IGPU>> written{gpu};
+    const std::vector<std::shared_ptr<libKestrel::IGPU>> written{
+        gpu, std::make_shared<libKestrel::GPU>(pci::PciLocation(0, 0, 0, 0xfffffffe)),
+        std::make_shared<libKestrel::GPU>(pci::PciLocation::withoutDomain(3, 0, 1))};
     gpu->setName(std::string("A\\B\nC\tD\rE"));
     gpu->setCoreCount(std::uint32_t{4352});
     gpu->setSLI(true);
@@ -194,6 +199,10 @@ TEST(Isolation, ProbeOutputThatDoesNotParseIsNamed)
         problem);
     EXPECT_EQ(problem, "");
     EXPECT_EQ(describe(output.records), describe(written));
+    std::vector<bool> domainsKnown;
+    for (const auto& record : output.records)
+        domainsKnown.push_back(record->pciLocation()->domainKnown);
+    EXPECT_EQ(domainsKnown, (std::vector<bool>{true, true, false}));
     EXPECT_EQ(output.status, std::bitset<4>("0001"));
     ASSERT_EQ(output.logs.size(), 1u);
     EXPECT_EQ(output.logs[0].text, "two\nlines");

@@ -1,5 +1,6 @@
 #include <csignal>
 #include <functional>
+#include <optional>
 
 #include "common/Records.h"
 #include "common/Test.h"
@@ -124,6 +125,73 @@ TEST(Merge, RecordsFoldIntoTheFirstOfTheirLocationInOrder)
     ASSERT_EQ(merged.size(), 3u);
     EXPECT_EQ(merged[1], alone);
     EXPECT_EQ(capture.of("libKestrel.Kestrel"), kestrel::test::Lines{"3|294 Could not obtain PCI Location from GPU"});
+}
+
+// A record at bus 'bus' (device and function 0) named 'name', in 'domain' or,
+// without one, as NVAPI and ADL place their GPUs.
+std::shared_ptr<IGPU> gpuNamed(std::optional<std::uint32_t> domain, unsigned char bus, const char* name)
+{
+    auto gpu = std::make_shared<GPU>(domain ? pci::PciLocation(bus, 0, 0, *domain)
+                                            : pci::PciLocation::withoutDomain(bus, 0, 0));
+    gpu->setName(std::string(name));
+    return gpu;
+}
+
+// "0002:17:00.0 name" for a GPU in a known domain, "?:17:00.0 name" without.
+kestrel::test::Lines shown(const std::vector<std::shared_ptr<IGPU>>& gpus)
+{
+    kestrel::test::Lines lines;
+    for (const auto& gpu : gpus) {
+        const auto location = *gpu->pciLocation();
+        lines.push_back((location.domainKnown ? "" : "?:") + location.toString(location.domainKnown).str() + " " +
+                        gpu->name().value_or(""));
+    }
+    return lines;
+}
+
+// Records of different domains are different GPUs; a record without domain is
+// the one GPU of a known domain at its bus, device and function, in whichever
+// order they come, and takes its domain; with none there it stays without
+// domain, and with several it is left out, and says so.
+TEST(Merge, RecordsOfDifferentDomainsAreDifferentGPUsAndOneWithoutDomainJoinsTheOnlyGPUItFits)
+{
+    const std::nullopt_t none = std::nullopt;
+    const struct {
+        const char* what;
+        std::vector<std::shared_ptr<IGPU>> records;
+        kestrel::test::Lines gpus;
+        kestrel::test::Lines lines;
+    } rows[] = {
+        {"equal domains", {gpuNamed(2, 0x17, "aa"), gpuNamed(2, 0x17, "bb")}, {"0002:17:00.0 bb"}, {}},
+        {"different domains at one bus, device and function",
+         {gpuNamed(1, 0, "one"), gpuNamed(2, 0, "two"), gpuNamed(0, 0, "zero"), gpuNamed(1, 0, "uno")},
+         {"0001:00:00.0 uno", "0002:00:00.0 two", "0000:00:00.0 zero"},
+         {}},
+        {"without domain, fitting one GPU",
+         {gpuNamed(none, 0x17, "GeForce"), gpuNamed(3, 0x17, "NVIDIA GeForce"), gpuNamed(none, 0x17, "Quadro"),
+          gpuNamed(none, 0x18, "alone"), gpuNamed(none, 0x18, "again")},
+         {"0003:17:00.0 NVIDIA GeForce", "?:18:00.0 again"},
+         {}},
+        {"without domain, fitting several GPUs",
+         {gpuNamed(1, 0, "one"), gpuNamed(none, 0, "either"), gpuNamed(2, 0, "two"), gpuNamed(none, 0, "or")},
+         {"0001:00:00.0 one", "0002:00:00.0 two"},
+         {"3|295 GPU record without PCI domain fits several GPUs and is left out: 00:00.0 could be 0001:00:00.0, "
+          "0002:00:00.0",
+          "3|295 GPU record without PCI domain fits several GPUs and is left out: 00:00.0 could be 0001:00:00.0, "
+          "0002:00:00.0"}},
+        {"domains wider than 16 bits",
+         {gpuNamed(0x10000, 0, "low"), gpuNamed(0xffffffff, 0, "high"), gpuNamed(0, 0, "zero"),
+          gpuNamed(none, 0, "any")},
+         {"10000:00:00.0 low", "ffffffff:00:00.0 high", "0000:00:00.0 zero"},
+         {"3|295 GPU record without PCI domain fits several GPUs and is left out: 00:00.0 could be 0000:00:00.0, "
+          "10000:00:00.0, ffffffff:00:00.0"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        kestrel::test::LogCapture capture(kestrel::test::Priority::WARNING);
+        EXPECT_EQ(shown(libKestrel::mergeGPUs(row.records)), row.gpus);
+        EXPECT_EQ(capture.of("libKestrel.Kestrel"), row.lines);
+    }
 }
 
 using MergeDeathTest = testing::Test;

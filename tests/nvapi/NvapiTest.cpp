@@ -291,8 +291,10 @@ TEST_F(NvidiaGpu, EnumerateReplacesTheListOnlyWhenNvapiAnswers)
 TEST_F(NvidiaGpu, ConstructionByLocationFindsTheGpuThere)
 {
     // Elsewhere (another bus, slot or function) an object keeps only the location and has no handle to ask with.
+    // NVAPI has no domain: a location in any domain finds its GPU, which has NVAPI's location.
     const std::pair<pci::PciLocation, std::string> rows[] = {
         {{2, 3, 0, 0}, "0000:02:03.0 'GeForce GTX 1050 Mobile' 4194304 KB notebook Optimus, fan 2100"},
+        {{2, 3, 0, 0x10002}, "0000:02:03.0 'GeForce GTX 1050 Mobile' 4194304 KB notebook Optimus, fan 2100"},
         {{7, 3, 0, 0}, "0000:07:03.0 '' 0 KB, fan 0"},
         {{2, 0, 0, 0}, "0000:02:00.0 '' 0 KB, fan 0"},
         {{2, 3, 1, 0}, "0000:02:03.1 '' 0 KB, fan 0"}};
@@ -302,6 +304,13 @@ TEST_F(NvidiaGpu, ConstructionByLocationFindsTheGpuThere)
         const HeldNvapi nvapi(8); // the object costs more references than it takes: its enumeration's list dies
         const NVIDIAGPU gpu(location);
         EXPECT_EQ(summary(gpu) + ", fan " + std::to_string(gpu.fanSpeed()), expected);
+    }
+    {
+        // Two GPUs at one bus and slot, in two domains: neither is the one.
+        SimulatedMachine simulated(R"({"gpus": [{"pci": {"bus": 2, "device": 3, "domain": 1}, "nvapi": {}},
+                                                {"pci": {"bus": 2, "device": 3, "domain": 2}, "nvapi": {}}]})");
+        const HeldNvapi nvapi(8);
+        EXPECT_EQ(summary(NVIDIAGPU(pci::PciLocation(2, 3, 0, 1))), "0001:02:03.0 '' 0 KB");
     }
     SimulatedMachine simulated(R"({"gpus": []})");
     const HeldNvapi nvapi(8);

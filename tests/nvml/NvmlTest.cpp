@@ -98,15 +98,15 @@ const std::string tesla = R"json({
                      "uncorrected": {"volatile": {}, "aggregate": {}}}}})json";
 
 // Their records. Memory sizes and the driver version are left to the other
-// NVIDIA sources; NVML's domain and function do not reach the location, so
-// that the records meet theirs.
+// NVIDIA sources; NVML's function does not reach the location (its domain
+// does), so that the records meet theirs.
 const std::string quadroRecord =
     "0000:65:00.0 name=Quadro RTX 5000 hardwareAcceleration=true vbiosVersion=90.04.38.00.03 "
     "eccErrorsCorrectedVolatile=10 eccErrorsUncorrectedVolatile=5 eccErrorsCorrectedAggregate=100 "
     "eccErrorsUncorrectedAggregate=7 utilizationGPU=37 utilizationMemory=12 temperatureCurrent=45 "
     "temperatureSlowdown=93 temperatureShutdown=96 uuid=GPU-3b4f1a2c-0001 fanSpeedPercent=41";
 const std::string teslaRecord =
-    "0000:b3:03.0 name=Tesla T4 (NVML) hardwareAcceleration=true vbiosVersion=90.04.96.00.01 "
+    "0002:b3:03.0 name=Tesla T4 (NVML) hardwareAcceleration=true vbiosVersion=90.04.96.00.01 "
     "eccErrorsCorrectedVolatile=0 eccErrorsUncorrectedVolatile=0 eccErrorsCorrectedAggregate=0 "
     "eccErrorsUncorrectedAggregate=0 utilizationGPU=99 utilizationMemory=80 temperatureCurrent=61 "
     "temperatureSlowdown=87 temperatureShutdown=90 uuid=GPU-3b4f1a2c-0002 fanSpeedPercent=0";

@@ -89,6 +89,46 @@ TEST(IsolatedSession, GivesWhatASessionInTheHostsProcessGives)
     }
 }
 
+// A cloud machine's GPUs, each passed through in a PCI domain of its own at bus
+// 0, which NVAPI sees too, without domains: each GPU keeps its own readings
+// across refreshes, in the host's process and isolated alike, and NVAPI's
+// records, which fit all four, lend their values (core counts, the available
+// memory NVAPI reads again at each refresh) to none.
+TEST(IsolatedSession, EachGpuOfACloudMachineKeepsItsDomainAndItsOwnReadings)
+{
+    SimulatedModules modules{"sim_nvml", "sim_nvapi", "sim_cuda", "sim_adl", "sim_glfw"}; // NVML in-process on Windows
+    json machine = example("cloud-vm");
+    for (json& gpu : machine["gpus"])
+        gpu["nvapi"] = {{"coreCount", 6912}, {"memory", {{"dedicated", 41943040}, {"available", 41000000}}}};
+    std::vector<std::pair<std::string, libKestrel::SessionOptions>> rows = {{"in the host's process", {}}};
+#if !defined(_WIN32)
+    // Under Wine a helper cannot be shown where NVML is.
+    rows.emplace_back("isolated", isolated());
+#endif
+    const std::string ambiguous = "3|295 GPU record without PCI domain fits several GPUs and is left out: 00:00.0 "
+                                  "could be 0001:00:00.0, 0002:00:00.0, 0003:00:00.0, 0004:00:00.0";
+    for (const auto& [how, options] : rows) {
+        SCOPED_TRACE(how);
+        MachineInFile file(machine.dump());
+        LogCapture log(Priority::WARNING);
+        libKestrel::Session session(ownSources, options);
+        const auto seen = [&session] {
+            Lines lines;
+            for (const auto& gpu : session.gpus())
+                lines.push_back(gpu->pciLocation()->toString(true).str() + " " +
+                                std::to_string(gpu->temperatureCurrent().value_or(0)) +
+                                (gpu->coreCount() || gpu->availableDedicatedMemory() ? " and NVAPI's" : ""));
+            return lines;
+        };
+        EXPECT_EQ(seen(), (Lines{"0001:00:00.0 34", "0002:00:00.0 41", "0003:00:00.0 37", "0004:00:00.0 45"}));
+        file.change(busier(machine).dump());
+        session.refresh();
+        EXPECT_EQ(seen(), (Lines{"0001:00:00.0 43", "0002:00:00.0 50", "0003:00:00.0 46", "0004:00:00.0 54"}));
+        EXPECT_EQ(session.answering(), std::vector<bool>(4, true));
+        EXPECT_EQ(log.of("libKestrel.Kestrel"), Lines(4, ambiguous)) << "one line per NVAPI record, at enumeration";
+    }
+}
+
 bool hasTemperature(const libKestrel::IGPU& gpu) { return gpu.temperatureCurrent().has_value(); }
 bool hasShaderClock(const libKestrel::IGPU& gpu) { return gpu.shaderClock().has_value(); }
 

@@ -256,6 +256,22 @@ TEST_F(Session, AGpuThatStopsAnsweringIsReportedOnceAndLosesItsReadings)
     }
 }
 
+// NVAPI has no PCI domain: a GPU whose NVAPI record joined NVML's in domain 5
+// is named in that domain when NVAPI, too, finds it gone.
+TEST_F(Session, AGpuThatStopsAnsweringIsNamedInTheDomainItsRecordsJoined)
+{
+    const json gpu = {{"pci", {{"domain", 5}, {"bus", 0x17}}},
+                      {"nvml", {{"temperature", 40}}},
+                      {"nvapi", {{"clocks", {{"current", {{"graphics", 1500000}}}}}}}};
+    SimulatedMachine simulated(json{{"gpus", {gpu}}}.dump());
+    libKestrel::Session session({libKestrel::queryNVidiaNvmlGPUsMulti, libKestrel::queryNVidiaGPUs});
+    LogCapture log(tova::LoggerPriority::WARNING);
+    kestrelSimSetScenario(R"({"gpus": []})");
+    session.refresh();
+    const std::string gone = "3|41 GPU no longer answers, its readings are left out: 0005:17:00.0 ";
+    EXPECT_EQ(log.of("libKestrel.Session"), (Lines{gone + "(nvml)", gone + "(nvapi)"}));
+}
+
 // One thread refreshes while others read: every snapshot a reader gets is whole,
 // its temperature and utilisation from the same machine.
 TEST_F(Session, ReadersSeeWholeSnapshotsWhileAnotherThreadRefreshes)

@@ -18,6 +18,14 @@ TEST(PciLocation, TextWithAndWithoutTheDomain)
     EXPECT_EQ(pci::PciLocation(0x65, 0x1f, 0, 0).toString(true).str(), "0000:65:1f.0");
     EXPECT_EQ(pci::PciLocation(0xff, 0x1f, 7, 0x10000).toString(true).str(), "10000:ff:1f.7");
     EXPECT_EQ(pci::PciLocation(0x65, 0x1f, 0, 0).toString(false).str(), "65:1f.0");
+
+    // A location whose source cannot tell the domain reads, and compares, as domain 0.
+    const auto withoutDomain = pci::PciLocation::withoutDomain(0x65, 0x1f, 0);
+    EXPECT_FALSE(withoutDomain.domainKnown);
+    EXPECT_TRUE(pci::PciLocation(0x65, 0x1f, 0, 0).domainKnown);
+    EXPECT_EQ(withoutDomain.toString(true).str(), "0000:65:1f.0");
+    EXPECT_EQ(withoutDomain, pci::PciLocation(0x65, 0x1f, 0, 0));
+    EXPECT_NE(withoutDomain, pci::PciLocation(0x65, 0x1f, 0, 2));
 }
 
 TEST(LogFactory, OneNameGivesOneLoggerAcrossThreads)

@@ -158,7 +158,7 @@ TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
                 {{"current_link_speed", "8.0 GT/s PCIe\n"}, {"hwmon/hwmon1/temp1_input", "47500\n"},
                  {"hwmon/hwmon1/pwm1", "1\n"}, {"hwmon/hwmon1/pwm1_max", "1\n"}}); // a fan only on or off
     tree.device("0000:04:00.0", "0x8086", "0x15f3", "0x020000", "igc"); // a network controller
-    tree.device("0001:07:00.0", "0x1234", "0xabcd", "0x038000");          // unknown to the database, no driver
+    tree.device("10001:07:00.0", "0x1234", "0xabcd", "0x038000");         // unknown to the database, no driver
     LogCapture capture(tova::LoggerPriority::WARNING);
     EXPECT_EQ(describe(querySysfs()),
               (Lines{"0000:00:02.0 name=Intel Corporation TigerLake-LP GT2 [Iris Xe Graphics] hardwareAcceleration=true",
@@ -169,7 +169,7 @@ TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
                      "uuid=3b1f2e4c5d6a7b80 fanSpeedPercent=40 fanSpeedRPM=1650",
                      "0000:65:00.0 name=NVIDIA Corporation GA102 [GeForce RTX 3090] hardwareAcceleration=true "
                      "busType=PCI Express temperatureCurrent=47 fanSpeedPercent=100",
-                     "0000:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
+                     "10001:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
     EXPECT_TRUE(capture.lines().empty()) << "missing files are what a driver does not offer";
 }
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <fstream>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -162,13 +163,71 @@ TEST(KestrelTool, PrometheusExpositionOfTheWorkstation)
 
 #if !defined(_WIN32)
     // Every example machine's exposition passes Prometheus's own check.
-    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons"}) {
+    for (const char* machine : {"workstation", "laptop", "power-starved", "two-radeons", "cloud-vm"}) {
         const std::string file = kestrel::test::temporaryPath(std::string(machine) + ".prom");
         std::ofstream(file) << kestrelWith({"--simulate", scenario(machine), "--prometheus"}).out;
         const ProcessResult check = kestrel::test::runProcess("/bin/sh", {"-c", "promtool check metrics < " + file});
         EXPECT_EQ(check.exitCode, 0) << machine << ": " << check.out << check.err;
         std::remove(file.c_str());
     }
+#endif
+}
+
+// A cloud machine's four GPUs, each passed through in a PCI domain of its own at
+// bus 0: four GPUs in every output, each with its own location and readings.
+TEST(KestrelTool, EachGpuOfACloudMachineIsShownInItsOwnDomain)
+{
+    const std::vector<std::pair<std::string, int>> gpus = {
+        {"0001:00:00.0", 34}, {"0002:00:00.0", 41}, {"0003:00:00.0", 37}, {"0004:00:00.0", 45}};
+    const ProcessResult text = kestrelWith({"--simulate", scenario("cloud-vm")});
+    ASSERT_EQ(text.exitCode, 0) << text.err;
+    const json document = json::parse(kestrelWith({"--simulate", scenario("cloud-vm"), "--json"}).out);
+    ASSERT_EQ(document["gpus"].size(), gpus.size());
+    const std::string exposition = kestrelWith({"--simulate", scenario("cloud-vm"), "--prometheus"}).out;
+    std::set<std::string> uuids;
+    for (size_t i = 0; i < gpus.size(); ++i) {
+        const auto& [location, temperature] = gpus[i];
+        const json& gpu = document["gpus"][i];
+        EXPECT_EQ(gpu["pciLocation"], location);
+        EXPECT_EQ(gpu["temperatureCurrent"], temperature) << location;
+        uuids.insert(gpu["uuid"].get<std::string>());
+        // The report's block of the GPU: its location first, its own temperature in it.
+        const std::string block = text.out.substr(text.out.find(location + "  "));
+        EXPECT_NE(block.substr(0, block.find("\n\n")).find("  Temperature: " + std::to_string(temperature) + " °C"),
+                  std::string::npos)
+            << location << "\n" << text.out;
+        EXPECT_TRUE(hasLine(exposition, "kestrel_gpu_temperature_celsius{pci=\"" + location + "\",uuid=\"" +
+                                            gpu["uuid"].get<std::string>() + "\"} " + std::to_string(temperature)))
+            << exposition;
+    }
+    EXPECT_EQ(uuids.size(), gpus.size()) << "each GPU's own identity";
+}
+
+// Each source gives the domain in its own width: NVML 32 bits unsigned, CUDA an
+// int (a domain past 2^31 is negative there), sysfs hex text with as many digits
+// as it takes; NVAPI none. All meet in one GPU each, whole.
+TEST(KestrelTool, DomainsOfEveryWidthMeetAcrossSources)
+{
+    const std::string file = kestrel::test::temporaryPath("wide-domains.json");
+    std::ofstream(file) << R"({"gpus": [
+        {"pci": {"domain": 65536, "bus": 23}, "nvml": {"temperature": 50}, "cuda": {}, "nvapi": {"coreCount": 6912},
+         "sysfs": {"vendor": 4318, "device": 8368, "files": {"current_link_speed": "16.0 GT/s PCIe"}}},
+        {"pci": {"domain": 2147483649, "bus": 24}, "nvml": {"temperature": 60}, "cuda": {},
+         "nvapi": {"coreCount": 6912}}]})";
+    const ProcessResult run = kestrelWith({"--simulate", file, "--json"});
+    std::remove(file.c_str());
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const json gpus = json::parse(run.out)["gpus"];
+    ASSERT_EQ(gpus.size(), 2u) << run.out;
+    EXPECT_EQ(gpus[0]["pciLocation"], "10000:17:00.0");
+    EXPECT_EQ(gpus[1]["pciLocation"], "80000001:18:00.0");
+    for (const json& gpu : gpus) {
+        EXPECT_FALSE(gpu["temperatureCurrent"].is_null()) << "NVML's";
+        EXPECT_EQ(gpu["coreCount"], 6912) << "NVAPI's";
+        EXPECT_EQ(gpu["versionMajor"], 8) << "CUDA's";
+    }
+#if !defined(_WIN32)
+    EXPECT_EQ(gpus[0]["busType"], "PCI Express") << "sysfs's";
 #endif
 }
 

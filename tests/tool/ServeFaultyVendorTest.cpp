@@ -117,8 +117,8 @@ TEST(KestrelServe, HelpersEndWithAServerThatIsKilled)
     std::vector<int> helpers;
     {
         ServedKestrel server(kestrel::test::executableDirectory() + "kestrel", file, {"--interval", "0.2"});
-        // The first scrape is answered once every helper has enumerated.
-        EXPECT_EQ(kestrel::test::httpGet(server.port(), "/metrics", 5s).status, 200);
+        // The first scrape waits for the first enumeration, which has every helper started.
+        EXPECT_EQ(kestrel::test::httpGet(server.port(), "/metrics", 6s).status, 200);
         helpers = server.children();
         machine["faults"] = {{"nvmlDeviceGetTemperature", {{"hang", true}}}};
         write(file, machine);

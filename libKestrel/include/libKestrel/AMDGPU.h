@@ -40,7 +40,8 @@ public:
     AMDGPU& operator=(AMDGPU&& other) noexcept;
     ~AMDGPU();
 
-    // The GPU's PCI location (domain 0). An object without adapters (moved from,
+    // The GPU's PCI location, without domain (ADL has none: domainKnown is
+    // false, and it reads as domain 0). An object without adapters (moved from,
     // or a CrossFire link that ADL no longer lists) answers 00:00.0, where ADL
     // never places an AMD GPU; its operations all answer as failures (false, 0,
     // nothing).

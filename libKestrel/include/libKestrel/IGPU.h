@@ -18,8 +18,15 @@ public:
     IGPU& operator=(const IGPU&) = default;
     virtual ~IGPU();
 
-    // True when both records have equal PCI locations, or both have none.
+    // True when both records have no PCI location, or locations that fit each
+    // other (pci::PciLocation::fits): the same bus, device and function, and the
+    // same domain where both know it. A record whose source cannot tell the
+    // domain (NVAPI, ADL) fits a GPU of that bus, device and function in any
+    // domain; merging takes it as that GPU only when exactly one GPU of a known
+    // domain is there (libKestrel/Query.h).
     virtual bool isSameGPU(const IGPU& other) const = 0;
+    // Where the GPU sits: bus, device, function and, where a source knows it
+    // (NVML, CUDA, the kernel's sysfs), its PCI domain, 32 bits whole.
     virtual std::optional<pci::PciLocation> pciLocation() const = 0;
 
 #define LIBKESTREL_IGPU_GETTER(type, getter, setter, unit) virtual std::optional<type> getter() const = 0;

@@ -44,7 +44,10 @@ public:
 
     // The GPU at that location. Throws std::exception when NVAPI enumerates no
     // GPU at all; when none is at that location the object keeps only the
-    // location, with an empty name.
+    // location, with an empty name. NVAPI has no PCI domain: its GPU at the
+    // location's bus and slot is taken whatever the location's domain, unless
+    // NVAPI has several there (in different domains), which leaves none taken.
+    // A GPU taken has NVAPI's location, without domain (domainKnown false).
     NVIDIAGPU(const pci::PciLocation& pciLocation);
 
     NVIDIAGPU(const NVIDIAGPU& other);

@@ -25,6 +25,23 @@ using MonitorGPUQuerier = std::vector<std::shared_ptr<IGPU>> (*)(void* const& fi
 // location are dropped. Sources run one after another on the calling thread;
 // an exception thrown by a source reaches the caller.
 //
+// PCI domains: records are of one GPU when their bus, device and function are
+// equal and so are their domains; records in different domains are different
+// GPUs (a cloud machine may have a GPU in each of several domains, all at bus 0).
+// NVML, CUDA and sysfs know the domain; NVAPI and ADL do not, and their records'
+// locations have none (pci::PciLocation::domainKnown false; a host's source
+// makes such locations with pci::PciLocation::withoutDomain). A record without
+// domain is the one GPU of a known domain at its bus, device and function, and
+// the merged record has that domain; where no source knows a domain there, it
+// merges with the other records without domain there. A record without domain
+// that fits several GPUs (of different domains) is left out, with a priority-3
+// line naming its location and theirs (libKestrel.Kestrel, tag 295): it is not
+// given to one of them at random, nor counted as a GPU of its own, so those
+// GPUs lack what only its source tells. NVML, NVAPI and CUDA place a GPU at
+// function 0, ADL and sysfs at its real function: records merge only at equal
+// functions. On a machine where every domain is 0 this is the merge by bus,
+// device and function alone.
+//
 // Threads: queries may run on several threads at once, beside sessions, with
 // the same sources or others: each vendor's library is loaded once for all who
 // use it at the time and released when the last is done. Monitor enumeration

@@ -110,6 +110,30 @@ std::string logLine(const std::string& logger, int priority, const std::string& 
 
 namespace {
 
+// A location's domain, "-" when its source cannot tell it.
+std::string domainText(const pci::PciLocation& location)
+{
+    return location.domainKnown ? std::to_string(location.domain) : "-";
+}
+
+// A "gpu" line's location, "<domain> <bus> <device> <function>" with the
+// domain in decimal or "-": nothing when it is no PCI location.
+std::optional<pci::PciLocation> locationOf(const std::string& text)
+{
+    std::istringstream fields(text);
+    std::string domain, bus, device, function, extra;
+    if (!(fields >> domain >> bus >> device >> function) || fields >> extra)
+        return std::nullopt;
+    const auto b = read<std::uint8_t>(bus);
+    const auto d = read<std::uint8_t>(device);
+    const auto f = read<std::uint8_t>(function);
+    const bool unknown = domain == "-";
+    const auto number = unknown ? std::optional<std::uint32_t>(0) : read<std::uint32_t>(domain);
+    if (!b || !d || !f || !number || *d > 31 || *f > 7)
+        return std::nullopt;
+    return unknown ? pci::PciLocation::withoutDomain(*b, *d, *f) : pci::PciLocation(*b, *d, *f, *number);
+}
+
 // Every property the record has, a line each.
 void writeProperties(std::ostringstream& out, const IGPU& gpu)
 {
@@ -131,7 +155,7 @@ void writeRecords(std::ostringstream& out, const std::vector<std::shared_ptr<IGP
         const auto location = gpus[i] ? gpus[i]->pciLocation() : std::nullopt;
         if (!location)
             continue;
-        out << "gpu " << location->domain << ' ' << int(location->bus) << ' ' << int(location->device) << ' '
+        out << "gpu " << domainText(*location) << ' ' << int(location->bus) << ' ' << int(location->device) << ' '
             << int(location->function) << '\n';
         writeProperties(out, *gpus[i]);
         if (read && i < read->size() && (*read)[i])
@@ -246,15 +270,10 @@ Output parse(const std::string& text, std::string& problem)
         if (item == "open")
             return output.open = true;
         if (word == "gpu") {
-            std::istringstream fields(rest);
-            unsigned long domain = 0;
-            unsigned int bus = 0, device = 0, function = 0;
-            if (!(fields >> domain >> bus >> device >> function) || bus > 255 || device > 31 || function > 7)
+            const auto location = locationOf(rest);
+            if (!location)
                 return fail("not a PCI location: " + rest);
-            gpu = std::make_shared<GPU>(pci::PciLocation(static_cast<unsigned char>(bus),
-                                                         static_cast<unsigned char>(device),
-                                                         static_cast<unsigned char>(function),
-                                                         static_cast<unsigned int>(domain)));
+            gpu = std::make_shared<GPU>(*location);
             return true;
         }
         if (word == "status") {

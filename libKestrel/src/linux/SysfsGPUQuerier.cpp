@@ -176,8 +176,8 @@ std::vector<std::pair<std::shared_ptr<GPU>, Sensors>> enumerate()
     const std::string root = configured.empty() ? "/sys" : configured;
     std::vector<std::pair<std::shared_ptr<GPU>, Sensors>> found;
     for (const pci_library::PciDevice& controller : pci_library::displayControllers(root)) {
-        // The domain is left out, as the NVIDIA sources leave it out.
-        const auto location = pciLocationOf(controller.bus, controller.device, controller.function);
+        const auto location = pciLocationOf(controller.bus, controller.device, controller.function,
+                                            static_cast<std::uint32_t>(controller.domain));
         if (!location)
             continue; // libpci parses only addresses that exist
         char address[32];

@@ -47,9 +47,11 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(int deviceIndex)
         return {};
     }
 
-    // CUDA's domain is left out and the function is always 0: that is where the
-    // other NVIDIA sources place the GPU, so the records merge.
-    const auto location = pciLocationOf(prop.pciBusID, prop.pciDeviceID, 0);
+    // The function is always 0: that is where the other NVIDIA sources place the
+    // GPU, so the records merge. CUDA gives the domain as an int: its 32 bits are
+    // the domain NVML gives unsigned, so a domain past 2^31 meets NVML's too.
+    const auto location =
+        pciLocationOf(prop.pciBusID, prop.pciDeviceID, 0, static_cast<std::uint32_t>(prop.pciDomainID));
     if (!location) {
         log(site, Priority::WARNING, "58 ", "Device outside the PCI bus, skipped: bus ", prop.pciBusID, ", device ",
             prop.pciDeviceID);

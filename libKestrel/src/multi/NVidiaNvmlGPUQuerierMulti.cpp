@@ -116,9 +116,9 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(const NVMLFunctions& entries, 
         log(site, Priority::WARNING, "63 ", "Could not obtain PCI Location information for nvidia device");
         return {};
     }
-    // NVML's domain is left out and the function is always 0, so that these
-    // records meet the other NVIDIA sources' records of the same GPU.
-    const auto location = pciLocationOf(*where.bus, *where.device, 0);
+    // The function is always 0, so that these records meet the other NVIDIA
+    // sources' records of the same GPU; the domain is NVML's.
+    const auto location = pciLocationOf(*where.bus, *where.device, 0, where.domain);
     if (!location) {
         log(site, Priority::WARNING, "64 ", "Device outside the PCI bus, skipped: bus ", *where.bus, ", device ",
             *where.device);

@@ -59,7 +59,7 @@ struct Kept {
     std::shared_ptr<session::RemoteSource> remote;
     unsigned long generation = 0;    // which of the helper's enumerations it holds
     std::optional<LiveSource> live;  // for a source read through handles
-    std::vector<std::size_t> merged; // per record: its place among the merged GPUs
+    std::vector<std::size_t> merged; // per record: its place among the GPUs merged at enumeration
     bool enumerated = false;         // its last enumeration worked
     Readings now;                    // of the last enumeration or refresh
     Readings next;                   // where a refresh reads to, swapped with 'now' when it is done
@@ -173,20 +173,28 @@ void readAgain(Kept& kept)
     next.up = kept.enumerated && reached && (readers == 0 || silent < readers);
 }
 
-// Per merged GPU: whether every source that reads it answered for it. 'which'
-// is each source's readings to look at.
-std::vector<bool> answeringOf(const std::vector<Kept>& kept, const Records& merged, bool refreshed)
+// The source's readings as an update left them: 'next' for a source a refresh
+// read, else 'now'.
+const Readings& readingsOf(const Kept& source, bool refreshed)
 {
-    std::vector<pci::PciLocation> silent;
+    return refreshed && source.refreshed() ? source.next : source.now;
+}
+
+// Per merged GPU: whether every source that reads it answered for it. 'merged'
+// is the merge of every source's records (readingsOf each), in order.
+std::vector<bool> answeringOf(const std::vector<Kept>& kept, const Merged& merged, bool refreshed)
+{
+    std::vector<bool> answering(merged.gpus.size(), true);
+    std::size_t first = 0; // the source's first record among all merged
     for (const Kept& source : kept) {
-        const Readings& readings = refreshed && source.refreshed() ? source.next : source.now;
-        for (std::size_t i = 0; i < source.readers(); ++i)
-            if (source.live->gpus[i].read && (!readings.reached || readings.silent[i]))
-                silent.push_back(*source.live->gpus[i].record->pciLocation());
+        const Readings& readings = readingsOf(source, refreshed);
+        for (std::size_t i = 0; i < source.readers(); ++i) {
+            const std::size_t place = merged.places[first + i];
+            if (source.live->gpus[i].read && (!readings.reached || readings.silent[i]) && place < answering.size())
+                answering[place] = false;
+        }
+        first += readings.records.size();
     }
-    std::vector<bool> answering;
-    for (const auto& gpu : merged)
-        answering.push_back(std::find(silent.begin(), silent.end(), *gpu->pciLocation()) == silent.end());
     return answering;
 }
 
@@ -213,13 +221,17 @@ void renewRecords(Kept& kept)
 }
 
 // Says which GPUs stopped or started answering at the refresh just committed:
-// 'before' is what the source's readings were.
-void sayChanges(const Kept& kept, const Readings& before)
+// 'before' is what the source's readings were. A GPU is named by the location
+// of the merged GPU ('gpus', as enumerated) its record is part of, with the
+// domain that a record without one took.
+void sayChanges(const Kept& kept, const Readings& before, const Records& gpus)
 {
     for (std::size_t i = 0; i < kept.now.silent.size(); ++i) {
         if (kept.now.silent[i] == before.silent[i])
             continue;
-        const pci::PciLocation location = *kept.live->gpus[i].record->pciLocation();
+        const std::size_t place = kept.merged[i];
+        const pci::PciLocation location =
+            *(place < gpus.size() ? gpus[place] : kept.live->gpus[i].record)->pciLocation();
         if (kept.now.silent[i])
             log(site, Priority::WARNING, "41 ", "GPU no longer answers, its readings are left out: ", location, " (",
                 kept.name(), ")");
@@ -234,7 +246,7 @@ Records recordsOf(const std::vector<Kept>& kept)
 {
     Records records;
     for (const Kept& source : kept) {
-        const Records& own = source.refreshed() ? source.next.records : source.now.records;
+        const Records& own = readingsOf(source, true).records;
         records.insert(records.end(), own.begin(), own.end());
     }
     return records;
@@ -250,27 +262,32 @@ struct Enumeration {
     // again: the readings' merge rules keep the larger or smaller value, in any
     // order. Those sources are all the library's own, so every record is a GPU.
     bool keptOnly = false;
-    Records merged;
+    Merged merged;           // with each record's place
     std::vector<GPU> unread; // per merged GPU: the readings of its records that are not read again
     std::vector<GPU> folded; // per merged GPU: where a refresh folds its readings
 
-    // Where each record of the sources went among the merged GPUs, and what the
-    // records that are not read again say of the readings.
+    // Where each record of the sources went among the merged GPUs.
     void placeRecords()
     {
-        for (const auto& gpu : merged)
+        auto place = merged.places.begin();
+        for (Kept& source : kept) {
+            const auto records = static_cast<std::ptrdiff_t>(source.now.records.size());
+            source.merged.assign(place, place + records);
+            place += records;
+        }
+    }
+
+    // What the records that are not read again say of the readings.
+    void keepUnread()
+    {
+        for (const auto& gpu : merged.gpus)
             unread.emplace_back(*gpu->pciLocation());
         folded = unread;
-        for (Kept& source : kept) {
+        for (const Kept& source : kept) {
             for (std::size_t i = 0; i < source.now.records.size(); ++i) {
-                const auto& record = static_cast<const GPU&>(*source.now.records[i]);
-                const auto same = std::find_if(merged.begin(), merged.end(),
-                                               [&record](const auto& gpu) { return gpu->isSameGPU(record); });
-                const auto place = static_cast<std::size_t>(same - merged.begin());
-                source.merged.push_back(place);
                 const bool read = i < source.readers() && source.live->gpus[i].read;
-                if (!read && place < unread.size())
-                    foldReadings(unread[place], record);
+                if (!read && source.merged[i] < unread.size())
+                    foldReadings(unread[source.merged[i]], static_cast<const GPU&>(*source.now.records[i]));
             }
         }
     }
@@ -280,20 +297,21 @@ struct Enumeration {
     // record readers already have.
     Records fold(const Records& current)
     {
-        for (std::size_t j = 0; j < merged.size(); ++j)
+        const Records& gpus = merged.gpus;
+        for (std::size_t j = 0; j < gpus.size(); ++j)
             takeReadings(folded[j], unread[j]);
         for (const Kept& source : kept)
             for (std::size_t i = 0; i < source.readers(); ++i)
                 if (source.live->gpus[i].read && source.merged[i] < folded.size())
                     foldReadings(folded[source.merged[i]], source.next.values[i]);
         Records result;
-        result.reserve(merged.size());
-        for (std::size_t j = 0; j < merged.size(); ++j) {
+        result.reserve(gpus.size());
+        for (std::size_t j = 0; j < gpus.size(); ++j) {
             if (j < current.size() && sameReadings(static_cast<const GPU&>(*current[j]), folded[j])) {
                 result.push_back(current[j]);
                 continue;
             }
-            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*merged[j]));
+            auto gpu = std::make_shared<GPU>(static_cast<const GPU&>(*gpus[j]));
             takeReadings(*gpu, folded[j]);
             result.push_back(std::move(gpu));
         }
@@ -313,14 +331,14 @@ struct Session::State {
     mutable std::mutex reading; // guards the snapshot
     Snapshot current;
 
-    // How each source stands after the update, from its readings ('next' for
-    // those a refresh read) and its helper.
-    std::vector<Source> states(bool refreshed) const
+    // How each of 'sources' stands after the update, from its readings ('next'
+    // for those a refresh read) and its helper.
+    static std::vector<Source> states(const std::vector<Kept>& sources, bool refreshed)
     {
         std::vector<Source> result;
-        result.reserve(enumeration.kept.size());
-        for (const Kept& kept : enumeration.kept) {
-            const Readings& readings = refreshed && kept.refreshed() ? kept.next : kept.now;
+        result.reserve(sources.size());
+        for (const Kept& kept : sources) {
+            const Readings& readings = readingsOf(kept, refreshed);
             result.push_back({kept.name(), readings.up, kept.remote ? kept.remote->restarts() : 0});
         }
         return result;
@@ -358,16 +376,18 @@ struct Session::State {
         Records all;
         for (const Kept& source : fresh.kept)
             all.insert(all.end(), source.now.records.begin(), source.now.records.end());
-        fresh.merged = mergeGPUs(all);
+        fresh.merged = mergePlaced(all);
         fresh.keptOnly = std::all_of(fresh.kept.begin(), fresh.kept.end(),
                                      [](const Kept& source) { return source.refreshedInPlace(); });
+        fresh.placeRecords();
         if (fresh.keptOnly)
-            fresh.placeRecords();
-        Records merged = fresh.merged;
-        std::vector<bool> answered = answeringOf(fresh.kept, merged, false);
+            fresh.keepUnread();
+        Records merged = fresh.merged.gpus;
+        std::vector<bool> answered = answeringOf(fresh.kept, fresh.merged, false);
+        std::vector<Source> now = states(fresh.kept, false);
         // Everything is enumerated: from here nothing can fail.
         std::swap(enumeration, fresh);
-        publish(std::move(merged), std::move(answered), states(false), start, enumeration.status);
+        publish(std::move(merged), std::move(answered), std::move(now), start, enumeration.status);
         // 'fresh' now holds the earlier enumeration: its sources let go of their
         // vendors here, last given first.
         while (!fresh.kept.empty())
@@ -403,18 +423,19 @@ struct Session::State {
             }
         }
         // Only this thread writes the snapshot: it reads it without the lock.
-        Records merged =
-            enumeration.keptOnly ? enumeration.fold(current.gpus) : mergeGPUs(recordsOf(enumeration.kept));
+        // Folding leaves the GPUs, and each record's place among them, as the enumeration merged them.
+        Merged merged = enumeration.keptOnly ? Merged{enumeration.fold(current.gpus), enumeration.merged.places}
+                                             : mergePlaced(recordsOf(enumeration.kept));
         std::vector<bool> answered = answeringOf(enumeration.kept, merged, true);
-        std::vector<Source> now = states(true);
+        std::vector<Source> now = states(enumeration.kept, true);
         // Everything is read: from here nothing can fail.
         for (Kept& kept : enumeration.kept)
             if (kept.refreshed())
                 std::swap(kept.now, kept.next);
-        publish(std::move(merged), std::move(answered), std::move(now), start, lastStatus);
+        publish(std::move(merged.gpus), std::move(answered), std::move(now), start, lastStatus);
         for (const Kept& kept : enumeration.kept)
             if (kept.live)
-                sayChanges(kept, kept.next);
+                sayChanges(kept, kept.next, enumeration.merged.gpus);
     }
 };
 

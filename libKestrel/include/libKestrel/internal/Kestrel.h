@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -16,10 +17,22 @@ namespace libKestrel {
 std::vector<std::shared_ptr<IGPU>> queryAllMonitorGPUs(const std::vector<MonitorGPUQuerier>& monitorQueriers,
                                                        void* const& first, void* const& second);
 
-// Folds a list of records into one record per PCI location, in order of first
-// appearance. A record without a location is dropped; a record with no
-// counterpart is passed through as it is (the same shared record).
+// Folds a list of records into one record per GPU, in order of first
+// appearance, each GPU found by its PCI location as Identities says (a record
+// without domain joins the one GPU of a known domain at its bus, device and
+// function). A record without a location, or one without domain that fits
+// several GPUs, is dropped; a record with no counterpart is passed through as
+// it is (the same shared record).
 std::vector<std::shared_ptr<IGPU>> mergeGPUs(const std::vector<std::shared_ptr<IGPU>>& gpus);
+
+// The same merge, and where each record went: places[i] is the place in 'gpus'
+// of the GPU that the i-th record is part of, or leftOut.
+struct Merged {
+    std::vector<std::shared_ptr<IGPU>> gpus;
+    std::vector<std::size_t> places;
+};
+constexpr std::size_t leftOut = static_cast<std::size_t>(-1);
+Merged mergePlaced(const std::vector<std::shared_ptr<IGPU>>& gpus);
 
 // A new record for the common PCI location of both, each property merged by its
 // own rule. gpuLHS is the earlier record. Neither input is changed.

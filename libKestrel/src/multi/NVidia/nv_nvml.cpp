@@ -79,7 +79,7 @@ NvmlBusAndDevice query_PciLocation(const NVMLFunctions& entries, nvml::nvmlDevic
         return {};
     log(site, Priority::TRACE, "67 ", "PCI location: ", "Bus: ", shown(info.bus), ", ", "Device: ",
         shown(info.device));
-    return {info.bus, info.device};
+    return {info.bus, info.device, info.domain};
 }
 
 std::optional<std::string> query_ProductName(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)

@@ -17,7 +17,8 @@ namespace libKestrel::probe {
 //
 //   kestrel-probe 1                      the format and its version
 //   log <priority> <logger> <text>       a log line the source wrote
-//   gpu <domain> <bus> <device> <function>
+//   gpu <domain> <bus> <device> <function>   in decimal; the domain "-" when
+//                                        the source cannot tell it
 //   <property> <value>                   the record's properties, by getter name:
 //                                        texts escaped (\\, \n, \r, \t), flags 0/1,
 //                                        numbers in decimal

@@ -14,11 +14,12 @@ namespace libKestrel {
 // session's own copy) and gives it back as optional values: all present when
 // NVML answered, all absent when the entry point is missing or the call failed.
 
-// The device's PCI bus and device numbers, each cut to the 8 bits a location holds.
-// As NVML reports them, unchecked.
+// The device's PCI bus and device numbers, each cut to the 8 bits a location holds,
+// and its domain, 32 bits whole. As NVML reports them, unchecked.
 struct NvmlBusAndDevice {
     std::optional<unsigned int> bus;
     std::optional<unsigned int> device;
+    std::optional<unsigned int> domain;
 };
 
 struct NvmlUtilization {
