@@ -21,7 +21,15 @@ namespace libKestrel {
     X(utilizationMemory, setUtilizationMemory, mergeUtilizationPercent)                               \
     X(temperatureCurrent, setTemperatureCurrent, mergeTemperature)                                    \
     X(fanSpeedPercent, setFanSpeedPercent, mergeFanSpeed)                                             \
-    X(fanSpeedRPM, setFanSpeedRPM, mergeFanSpeed)
+    X(fanSpeedRPM, setFanSpeedRPM, mergeFanSpeed)                                                     \
+    X(powerDraw, setPowerDraw, mergePowerDraw)                                                        \
+    X(energyConsumed, setEnergyConsumed, mergeEnergy)                                                 \
+    X(temperatureHotspot, setTemperatureHotspot, mergeTemperature)                                    \
+    X(temperatureMemory, setTemperatureMemory, mergeTemperature)                                      \
+    X(pcieLinkGeneration, setPCIeLinkGeneration, mergePCIeLink)                                       \
+    X(pcieLinkWidth, setPCIeLinkWidth, mergePCIeLink)                                                 \
+    X(performanceState, setPerformanceState, mergePerformanceState)                                   \
+    X(clockEventReasons, setClockEventReasons, mergeClockEventReasons)
 
 void clearReadings(GPU& gpu)
 {

@@ -337,6 +337,14 @@ int overdrive6Temperature(const Caller& caller, int adapterIndex, int* temperatu
                   [](const sim::adl::Adapter&, const Gpu& gpu) { return gpu.overdrive6Temperature; });
 }
 
+// Overdrive 6 knows the ASIC's total power, type 0.
+int overdrive6CurrentPower(const Caller& caller, int adapterIndex, int type, int* power)
+{
+    return number(caller, adapterIndex, power, [type](const sim::adl::Adapter&, const Gpu& gpu) {
+        return type == OD6_POWER_TYPE_ASIC_TOTAL ? gpu.overdrive6Power : std::nullopt;
+    });
+}
+
 // OverdriveN knows the GPU core's temperature, type 1.
 int overdriveNTemperature(const Caller& caller, int adapterIndex, int type, int* temperature)
 {
@@ -782,6 +790,8 @@ SIM_ADL2_FORM(Overdrive8_Setting_Set, od8SettingSet,
               (int adapterIndex, ADLOD8SetSetting* set, ADLOD8CurrentSetting* current),
               (adapterIndex, set, current))
 #endif
+SIM_ADL2_FORM(Overdrive6_CurrentPower_Get, overdrive6CurrentPower, (int adapterIndex, int type, int* power),
+              (adapterIndex, type, power))
 SIM_ADL2_FORM(New_QueryPMLogData_Get, pmLogData, (int adapterIndex, ADLPMLogDataOutput* output),
               (adapterIndex, output))
 SIM_ADL2_FORM(Overdrive8_Init_SettingX2_Get, od8InitSettingX2,

@@ -342,6 +342,99 @@ SIM_EXPORT nvmlReturn_t nvmlDeviceGetFanSpeed(nvmlDevice_t device, unsigned int*
 CHECK_SIGNATURE(nvmlDeviceGetFanSpeed);
 #endif
 
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetPowerUsage(nvmlDevice_t device, unsigned int* power)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetPowerUsage", device, power);
+    return writeValue(call, call.device ? call.device->powerUsage : std::nullopt, power);
+}
+CHECK_SIGNATURE(nvmlDeviceGetPowerUsage);
+
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetEnforcedPowerLimit(nvmlDevice_t device, unsigned int* limit)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetEnforcedPowerLimit", device, limit);
+    return writeValue(call, call.device ? call.device->powerLimit : std::nullopt, limit);
+}
+CHECK_SIGNATURE(nvmlDeviceGetEnforcedPowerLimit);
+
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetTotalEnergyConsumption(nvmlDevice_t device, unsigned long long* energy)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetTotalEnergyConsumption", device, energy);
+    return writeValue(call, call.device ? call.device->energy : std::nullopt, energy);
+}
+CHECK_SIGNATURE(nvmlDeviceGetTotalEnergyConsumption);
+
+// The four PCIe link entries, each answering one of the device's link values.
+#define SIM_LINK_ENTRY(name, member)                                                                           \
+    SIM_EXPORT nvmlReturn_t name(nvmlDevice_t device, unsigned int* value)                                     \
+    {                                                                                                          \
+        const sim::Guard guard;                                                                                \
+        const DeviceCall call = beginDevice(#name, device, value);                                             \
+        return writeValue(call, call.device ? call.device->member : std::nullopt, value);                      \
+    }                                                                                                          \
+    CHECK_SIGNATURE(name);
+SIM_LINK_ENTRY(nvmlDeviceGetCurrPcieLinkGeneration, linkGeneration)
+SIM_LINK_ENTRY(nvmlDeviceGetCurrPcieLinkWidth, linkWidth)
+SIM_LINK_ENTRY(nvmlDeviceGetMaxPcieLinkGeneration, linkGenerationMax)
+SIM_LINK_ENTRY(nvmlDeviceGetMaxPcieLinkWidth, linkWidthMax)
+#undef SIM_LINK_ENTRY
+
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetPerformanceState(nvmlDevice_t device, nvmlPstates_t* pState)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetPerformanceState", device, pState);
+    return writeValue(call, call.device ? call.device->performanceState : std::nullopt, pState);
+}
+CHECK_SIGNATURE(nvmlDeviceGetPerformanceState);
+
+// Both names answer the same mask, as NVML's do; a driver older than the newer
+// name lacks it (the variant without it).
+#if !defined(SIM_OMIT_nvmlDeviceGetCurrentClocksEventReasons)
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetCurrentClocksEventReasons(nvmlDevice_t device,
+                                                               unsigned long long* clocksEventReasons)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetCurrentClocksEventReasons", device, clocksEventReasons);
+    return writeValue(call, call.device ? call.device->clocksEventReasons : std::nullopt, clocksEventReasons);
+}
+CHECK_SIGNATURE(nvmlDeviceGetCurrentClocksEventReasons);
+#endif
+
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetCurrentClocksThrottleReasons(nvmlDevice_t device,
+                                                                  unsigned long long* clocksThrottleReasons)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetCurrentClocksThrottleReasons", device, clocksThrottleReasons);
+    return writeValue(call, call.device ? call.device->clocksEventReasons : std::nullopt, clocksThrottleReasons);
+}
+CHECK_SIGNATURE(nvmlDeviceGetCurrentClocksThrottleReasons);
+
+// Fills each field asked for: the memory temperature when the device has it,
+// NVML_ERROR_NOT_SUPPORTED in the field otherwise. NVML answers the call itself
+// with success whatever the fields' own codes.
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetFieldValues(nvmlDevice_t device, int valuesCount, nvmlFieldValue_t* values)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetFieldValues", device, valuesCount > 0 ? values : nullptr);
+    if (!call.proceeds())
+        return call.status;
+    for (int i = 0; i < valuesCount; ++i) {
+        nvmlFieldValue_t& field = values[i];
+        const auto& known = call.device->memoryTemperature;
+        if (field.fieldId == NVML_FI_DEV_MEMORY_TEMP && known) {
+            field.valueType = known->valueType;
+            field.value = known->value;
+            field.nvmlReturn = known->nvmlReturn;
+        } else {
+            field.nvmlReturn = NVML_ERROR_NOT_SUPPORTED;
+        }
+    }
+    return NVML_SUCCESS;
+}
+CHECK_SIGNATURE(nvmlDeviceGetFieldValues);
+
 // Answers outside a session too, as NVML does. The fault {"null": true} gives no text.
 SIM_EXPORT const char* nvmlErrorString(nvmlReturn_t result)
 {

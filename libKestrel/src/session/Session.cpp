@@ -247,21 +247,31 @@ struct Enumeration {
     std::bitset<4> status;
     // When every source is refreshed in place, a refresh folds the new readings
     // into the records merged at enumeration instead of merging everything
-    // again: the readings' merge rules keep the larger or smaller value, in any
-    // order. Those sources are all the library's own, so every record is a GPU.
+    // again, record after record in the order of a merge, so that each rule
+    // (some keep the earlier record's value) gives what the merge gives. Those
+    // sources are all the library's own, so every record is a GPU.
     bool keptOnly = false;
     Records merged;
-    std::vector<GPU> unread; // per merged GPU: the readings of its records that are not read again
+    // One record's readings folded at a refresh: those a refresh reads into its
+    // source's spare readings, or the record's own when it is not read again.
+    struct Fold {
+        std::size_t place;  // among the merged GPUs
+        std::size_t source; // in 'kept'
+        std::size_t index;  // among the source's records
+        const GPU* unread;  // the record, when a refresh does not read it
+    };
+    std::vector<Fold> folds; // in the records' order
     std::vector<GPU> folded; // per merged GPU: where a refresh folds its readings
 
-    // Where each record of the sources went among the merged GPUs, and what the
-    // records that are not read again say of the readings.
+    // Where each record of the sources went among the merged GPUs, and what a
+    // refresh folds of it. A record that is not read again and has no readings
+    // has nothing to fold.
     void placeRecords()
     {
         for (const auto& gpu : merged)
-            unread.emplace_back(*gpu->pciLocation());
-        folded = unread;
-        for (Kept& source : kept) {
+            folded.emplace_back(*gpu->pciLocation());
+        for (std::size_t k = 0; k < kept.size(); ++k) {
+            Kept& source = kept[k];
             for (std::size_t i = 0; i < source.now.records.size(); ++i) {
                 const auto& record = static_cast<const GPU&>(*source.now.records[i]);
                 const auto same = std::find_if(merged.begin(), merged.end(),
@@ -269,8 +279,8 @@ struct Enumeration {
                 const auto place = static_cast<std::size_t>(same - merged.begin());
                 source.merged.push_back(place);
                 const bool read = i < source.readers() && source.live->gpus[i].read;
-                if (!read && place < unread.size())
-                    foldReadings(unread[place], record);
+                if (place < merged.size() && (read || hasReadings(record)))
+                    folds.push_back({place, k, i, read ? nullptr : &record});
             }
         }
     }
@@ -280,12 +290,10 @@ struct Enumeration {
     // record readers already have.
     Records fold(const Records& current)
     {
-        for (std::size_t j = 0; j < merged.size(); ++j)
-            takeReadings(folded[j], unread[j]);
-        for (const Kept& source : kept)
-            for (std::size_t i = 0; i < source.readers(); ++i)
-                if (source.live->gpus[i].read && source.merged[i] < folded.size())
-                    foldReadings(folded[source.merged[i]], source.next.values[i]);
+        for (GPU& gpu : folded)
+            clearReadings(gpu);
+        for (const Fold& step : folds)
+            foldReadings(folded[step.place], step.unread ? *step.unread : kept[step.source].next.values[step.index]);
         Records result;
         result.reserve(merged.size());
         for (std::size_t j = 0; j < merged.size(); ++j) {
@@ -315,11 +323,11 @@ struct Session::State {
 
     // How each source stands after the update, from its readings ('next' for
     // those a refresh read) and its helper.
-    std::vector<Source> states(bool refreshed) const
+    static std::vector<Source> states(const std::vector<Kept>& sources, bool refreshed)
     {
         std::vector<Source> result;
-        result.reserve(enumeration.kept.size());
-        for (const Kept& kept : enumeration.kept) {
+        result.reserve(sources.size());
+        for (const Kept& kept : sources) {
             const Readings& readings = refreshed && kept.refreshed() ? kept.next : kept.now;
             result.push_back({kept.name(), readings.up, kept.remote ? kept.remote->restarts() : 0});
         }
@@ -365,9 +373,10 @@ struct Session::State {
             fresh.placeRecords();
         Records merged = fresh.merged;
         std::vector<bool> answered = answeringOf(fresh.kept, merged, false);
+        std::vector<Source> now = states(fresh.kept, false);
         // Everything is enumerated: from here nothing can fail.
         std::swap(enumeration, fresh);
-        publish(std::move(merged), std::move(answered), states(false), start, enumeration.status);
+        publish(std::move(merged), std::move(answered), std::move(now), start, enumeration.status);
         // 'fresh' now holds the earlier enumeration: its sources let go of their
         // vendors here, last given first.
         while (!fresh.kept.empty())
@@ -406,7 +415,7 @@ struct Session::State {
         Records merged =
             enumeration.keptOnly ? enumeration.fold(current.gpus) : mergeGPUs(recordsOf(enumeration.kept));
         std::vector<bool> answered = answeringOf(enumeration.kept, merged, true);
-        std::vector<Source> now = states(true);
+        std::vector<Source> now = states(enumeration.kept, true);
         // Everything is read: from here nothing can fail.
         for (Kept& kept : enumeration.kept)
             if (kept.refreshed())
