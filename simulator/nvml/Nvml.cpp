@@ -342,74 +342,30 @@ SIM_EXPORT nvmlReturn_t nvmlDeviceGetFanSpeed(nvmlDevice_t device, unsigned int*
 CHECK_SIGNATURE(nvmlDeviceGetFanSpeed);
 #endif
 
-SIM_EXPORT nvmlReturn_t nvmlDeviceGetPowerUsage(nvmlDevice_t device, unsigned int* power)
-{
-    const sim::Guard guard;
-    const DeviceCall call = beginDevice("nvmlDeviceGetPowerUsage", device, power);
-    return writeValue(call, call.device ? call.device->powerUsage : std::nullopt, power);
-}
-CHECK_SIGNATURE(nvmlDeviceGetPowerUsage);
-
-SIM_EXPORT nvmlReturn_t nvmlDeviceGetEnforcedPowerLimit(nvmlDevice_t device, unsigned int* limit)
-{
-    const sim::Guard guard;
-    const DeviceCall call = beginDevice("nvmlDeviceGetEnforcedPowerLimit", device, limit);
-    return writeValue(call, call.device ? call.device->powerLimit : std::nullopt, limit);
-}
-CHECK_SIGNATURE(nvmlDeviceGetEnforcedPowerLimit);
-
-SIM_EXPORT nvmlReturn_t nvmlDeviceGetTotalEnergyConsumption(nvmlDevice_t device, unsigned long long* energy)
-{
-    const sim::Guard guard;
-    const DeviceCall call = beginDevice("nvmlDeviceGetTotalEnergyConsumption", device, energy);
-    return writeValue(call, call.device ? call.device->energy : std::nullopt, energy);
-}
-CHECK_SIGNATURE(nvmlDeviceGetTotalEnergyConsumption);
-
-// The four PCIe link entries, each answering one of the device's link values.
-#define SIM_LINK_ENTRY(name, member)                                                                           \
-    SIM_EXPORT nvmlReturn_t name(nvmlDevice_t device, unsigned int* value)                                     \
+// Entries that write one value the device has, or answer that it lacks it.
+#define SIM_VALUE_ENTRY(name, type, member)                                                                    \
+    SIM_EXPORT nvmlReturn_t name(nvmlDevice_t device, type* value)                                             \
     {                                                                                                          \
         const sim::Guard guard;                                                                                \
         const DeviceCall call = beginDevice(#name, device, value);                                             \
         return writeValue(call, call.device ? call.device->member : std::nullopt, value);                      \
     }                                                                                                          \
     CHECK_SIGNATURE(name);
-SIM_LINK_ENTRY(nvmlDeviceGetCurrPcieLinkGeneration, linkGeneration)
-SIM_LINK_ENTRY(nvmlDeviceGetCurrPcieLinkWidth, linkWidth)
-SIM_LINK_ENTRY(nvmlDeviceGetMaxPcieLinkGeneration, linkGenerationMax)
-SIM_LINK_ENTRY(nvmlDeviceGetMaxPcieLinkWidth, linkWidthMax)
-#undef SIM_LINK_ENTRY
-
-SIM_EXPORT nvmlReturn_t nvmlDeviceGetPerformanceState(nvmlDevice_t device, nvmlPstates_t* pState)
-{
-    const sim::Guard guard;
-    const DeviceCall call = beginDevice("nvmlDeviceGetPerformanceState", device, pState);
-    return writeValue(call, call.device ? call.device->performanceState : std::nullopt, pState);
-}
-CHECK_SIGNATURE(nvmlDeviceGetPerformanceState);
-
+SIM_VALUE_ENTRY(nvmlDeviceGetPowerUsage, unsigned int, powerUsage)
+SIM_VALUE_ENTRY(nvmlDeviceGetEnforcedPowerLimit, unsigned int, powerLimit)
+SIM_VALUE_ENTRY(nvmlDeviceGetTotalEnergyConsumption, unsigned long long, energy)
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrPcieLinkGeneration, unsigned int, linkGeneration)
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrPcieLinkWidth, unsigned int, linkWidth)
+SIM_VALUE_ENTRY(nvmlDeviceGetMaxPcieLinkGeneration, unsigned int, linkGenerationMax)
+SIM_VALUE_ENTRY(nvmlDeviceGetMaxPcieLinkWidth, unsigned int, linkWidthMax)
+SIM_VALUE_ENTRY(nvmlDeviceGetPerformanceState, nvmlPstates_t, performanceState)
 // Both names answer the same mask, as NVML's do; a driver older than the newer
 // name lacks it (the variant without it).
 #if !defined(SIM_OMIT_nvmlDeviceGetCurrentClocksEventReasons)
-SIM_EXPORT nvmlReturn_t nvmlDeviceGetCurrentClocksEventReasons(nvmlDevice_t device,
-                                                               unsigned long long* clocksEventReasons)
-{
-    const sim::Guard guard;
-    const DeviceCall call = beginDevice("nvmlDeviceGetCurrentClocksEventReasons", device, clocksEventReasons);
-    return writeValue(call, call.device ? call.device->clocksEventReasons : std::nullopt, clocksEventReasons);
-}
-CHECK_SIGNATURE(nvmlDeviceGetCurrentClocksEventReasons);
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrentClocksEventReasons, unsigned long long, clocksEventReasons)
 #endif
-
-SIM_EXPORT nvmlReturn_t nvmlDeviceGetCurrentClocksThrottleReasons(nvmlDevice_t device,
-                                                                  unsigned long long* clocksThrottleReasons)
-{
-    const sim::Guard guard;
-    const DeviceCall call = beginDevice("nvmlDeviceGetCurrentClocksThrottleReasons", device, clocksThrottleReasons);
-    return writeValue(call, call.device ? call.device->clocksEventReasons : std::nullopt, clocksThrottleReasons);
-}
-CHECK_SIGNATURE(nvmlDeviceGetCurrentClocksThrottleReasons);
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrentClocksThrottleReasons, unsigned long long, clocksEventReasons)
+#undef SIM_VALUE_ENTRY
 
 // Fills each field asked for: the memory temperature when the device has it,
 // NVML_ERROR_NOT_SUPPORTED in the field otherwise. NVML answers the call itself
