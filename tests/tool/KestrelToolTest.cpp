@@ -52,14 +52,12 @@ bool hasLine(const std::string& text, const std::string& line)
     return false;
 }
 
-#if !defined(_WIN32)
-const char* const amdKernelName = "Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 GL-XL [Radeon PRO W6800]";
 // The AMD card's hot spot: ADL's, or on Linux the hotter one of its hwmon files.
 #if defined(_WIN32)
 const char* const hotspot = "67";
 #else
+const char* const amdKernelName = "Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 GL-XL [Radeon PRO W6800]";
 const char* const hotspot = "68";
-#endif
 #endif
 
 // Two NVIDIA cards in SLI seen by NVML, NVAPI and CUDA, and one AMD card with
