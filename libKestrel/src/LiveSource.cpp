@@ -66,7 +66,7 @@ void foldReadings(GPU& into, const GPU& from)
 #define LIBKESTREL_FOLD(getter, setter, merge)                                                          \
     if (into.GPU::getter() && from.GPU::getter())                                                     \
         into.setter(merge(into.GPU::getter(), from.GPU::getter()));                                   \
-    else if (from.getter())                                                                           \
+    else if (from.GPU::getter())                                                                      \
         into.setter(from.GPU::getter());
     LIBKESTREL_READINGS(LIBKESTREL_FOLD)
 #undef LIBKESTREL_FOLD
