@@ -47,11 +47,15 @@ std::string sixteenGpus() {
         gpus += R"({"name": "NVIDIA )" + n + R"(", "pci": {"bus": )" + std::to_string(100 + i) +
                 R"(}, "nvml": {"temperature": 5)" + n + R"(, "utilization": {"gpu": 1)" + n +
                 R"(, "memory": 3}, "fanSpeed": 40, "ecc": {"corrected": {"volatile": {}, "aggregate": {}},)"
-                R"( "uncorrected": {"volatile": {}, "aggregate": {}}}}, "cuda": {}}, )";
+                R"( "uncorrected": {"volatile": {}, "aggregate": {}}}, "power": 21)" + n +
+                R"(000, "powerLimit": 250000, "energy": 4318275000, "memoryTemperature": 6)" + n +
+                R"(, "link": {"generation": 4, "width": 16, "maxGeneration": 4, "maxWidth": 16},)"
+                R"( "performanceState": 2, "clocksEventReasons": 4}, "cuda": {}}, )";
         gpus += R"({"name": "Radeon )" + n + R"(", "pci": {"bus": )" + std::to_string(10 + i) +
                 R"(}, "adl": {"adapters": 3, "overdrive5": {"temperature": 6)" + n +
                 R"(000}, "overdrive6": {"engineClock": 215500, "memoryClock": 200000, "activity": 7,)"
-                R"( "fan": {"percent": 22, "rpm": 980}}}})" +
+                R"( "fan": {"percent": 22, "rpm": 980}}, "overdrive8": {"pmlog": [{"sensor": 23, "value": 14)" + n +
+                R"(}, {"sensor": 27, "value": 7)" + n + R"(}, {"sensor": 9, "value": 6)" + n + R"(}]}}})" +
                 (i < 7 ? ", " : "");
     }
     return R"({"gpus": [)" + gpus + "]}";
@@ -166,8 +170,9 @@ void *allocate(int size) {
 // The readings a refresh gives, read by calling the simulated NVML and ADL
 // directly, with both kept open (NVML initialised, an ADL2 context) and the
 // devices and adapters enumerated once: per NVIDIA GPU utilisation, four ECC
-// counts, temperature and fan speed; per AMD GPU temperature, current status
-// and fan speed.
+// counts, temperature, fan speed, power, energy, the memory's temperature, the
+// link's generation and width, the performance state and the clock event
+// reasons; per AMD GPU temperature, current status, fan speed and the PM log.
 class DirectCalls {
 public:
     explicit DirectCalls(const SimulatedModules &sim) {
@@ -180,6 +185,17 @@ public:
         ecc = reinterpret_cast<nvml::PFN_nvmlDeviceGetDetailedEccErrors>(nvmlEntry("nvmlDeviceGetDetailedEccErrors"));
         temperature = reinterpret_cast<nvml::PFN_nvmlDeviceGetTemperature>(nvmlEntry("nvmlDeviceGetTemperature"));
         fan = reinterpret_cast<nvml::PFN_nvmlDeviceGetFanSpeed>(nvmlEntry("nvmlDeviceGetFanSpeed"));
+        power = reinterpret_cast<nvml::PFN_nvmlDeviceGetPowerUsage>(nvmlEntry("nvmlDeviceGetPowerUsage"));
+        energy = reinterpret_cast<nvml::PFN_nvmlDeviceGetTotalEnergyConsumption>(
+            nvmlEntry("nvmlDeviceGetTotalEnergyConsumption"));
+        fields = reinterpret_cast<nvml::PFN_nvmlDeviceGetFieldValues>(nvmlEntry("nvmlDeviceGetFieldValues"));
+        linkGeneration = reinterpret_cast<nvml::PFN_nvmlDeviceGetCurrPcieLinkGeneration>(
+            nvmlEntry("nvmlDeviceGetCurrPcieLinkGeneration"));
+        linkWidth =
+            reinterpret_cast<nvml::PFN_nvmlDeviceGetCurrPcieLinkWidth>(nvmlEntry("nvmlDeviceGetCurrPcieLinkWidth"));
+        state = reinterpret_cast<nvml::PFN_nvmlDeviceGetPerformanceState>(nvmlEntry("nvmlDeviceGetPerformanceState"));
+        reasons = reinterpret_cast<nvml::PFN_nvmlDeviceGetCurrentClocksEventReasons>(
+            nvmlEntry("nvmlDeviceGetCurrentClocksEventReasons"));
         create = reinterpret_cast<adl::PFN_ADL2_Main_Control_Create>(adlEntry("ADL2_Main_Control_Create"));
         destroy = reinterpret_cast<adl::PFN_ADL2_Main_Control_Destroy>(adlEntry("ADL2_Main_Control_Destroy"));
         odTemperature =
@@ -187,6 +203,7 @@ public:
         odStatus = reinterpret_cast<adl::PFN_ADL2_Overdrive6_CurrentStatus_Get>(
             adlEntry("ADL2_Overdrive6_CurrentStatus_Get"));
         odFan = reinterpret_cast<adl::PFN_ADL2_Overdrive6_FanSpeed_Get>(adlEntry("ADL2_Overdrive6_FanSpeed_Get"));
+        pmLog = reinterpret_cast<adl::PFN_ADL2_New_QueryPMLogData_Get>(adlEntry("ADL2_New_QueryPMLogData_Get"));
 
         nvmlInit();
         unsigned int count = 0;
@@ -224,7 +241,19 @@ public:
             unsigned int value = 0;
             temperature(device, nvml::NVML_TEMPERATURE_GPU, &value);
             fan(device, &value);
+            power(device, &value);
+            unsigned long long counter = 0;
+            energy(device, &counter);
+            nvml::nvmlFieldValue_t field{};
+            field.fieldId = nvml::NVML_FI_DEV_MEMORY_TEMP;
+            fields(device, 1, &field);
+            linkGeneration(device, &value);
+            linkWidth(device, &value);
+            nvml::nvmlPstates_t pstate{};
+            state(device, &pstate);
+            reasons(device, &counter);
             benchmark::DoNotOptimize(value);
+            benchmark::DoNotOptimize(counter);
         }
         for (const auto &[index, position] : indices) {
             adl::ADLTemperature degrees{};
@@ -235,7 +264,10 @@ public:
             adl::ADLOD6FanSpeedInfo speed{};
             speed.iSpeedType = adl::ADL_OD6_FANSPEED_TYPE_PERCENT | adl::ADL_OD6_FANSPEED_TYPE_RPM;
             odFan(context, index, &speed);
+            adl::ADLPMLogDataOutput log{};
+            pmLog(context, index, &log);
             benchmark::DoNotOptimize(status);
+            benchmark::DoNotOptimize(log);
         }
     }
 
@@ -246,11 +278,19 @@ private:
     nvml::PFN_nvmlDeviceGetDetailedEccErrors ecc;
     nvml::PFN_nvmlDeviceGetTemperature temperature;
     nvml::PFN_nvmlDeviceGetFanSpeed fan;
+    nvml::PFN_nvmlDeviceGetPowerUsage power;
+    nvml::PFN_nvmlDeviceGetTotalEnergyConsumption energy;
+    nvml::PFN_nvmlDeviceGetFieldValues fields;
+    nvml::PFN_nvmlDeviceGetCurrPcieLinkGeneration linkGeneration;
+    nvml::PFN_nvmlDeviceGetCurrPcieLinkWidth linkWidth;
+    nvml::PFN_nvmlDeviceGetPerformanceState state;
+    nvml::PFN_nvmlDeviceGetCurrentClocksEventReasons reasons;
     adl::PFN_ADL2_Main_Control_Create create;
     adl::PFN_ADL2_Main_Control_Destroy destroy;
     adl::PFN_ADL2_Overdrive5_Temperature_Get odTemperature;
     adl::PFN_ADL2_Overdrive6_CurrentStatus_Get odStatus;
     adl::PFN_ADL2_Overdrive6_FanSpeed_Get odFan;
+    adl::PFN_ADL2_New_QueryPMLogData_Get pmLog;
     adl::ADL_CONTEXT_HANDLE context = nullptr;
     std::vector<nvml::nvmlDevice_t> devices;
     std::vector<std::pair<int, std::ptrdiff_t>> indices; // adapter index, place in ADL's list

@@ -4,6 +4,11 @@ namespace libKestrel {
 
 IGPU::~IGPU() = default;
 
+#define LIBKESTREL_IGPU_ABSENT(type, getter, setter, unit)                                                         \
+    std::optional<type> IGPU::getter() const { return std::nullopt; }
+LIBKESTREL_GPU_PROPERTIES_0_2(LIBKESTREL_IGPU_ABSENT)
+#undef LIBKESTREL_IGPU_ABSENT
+
 GPU::GPU(const pci::PciLocation& location) : pciLocation_(location) {}
 
 bool GPU::isSameGPU(const IGPU& other) const

@@ -47,7 +47,13 @@ T larger(T lhs, T rhs)
     return std::max(lhs, rhs);
 }
 
-void* leftHandle(void* lhs, void*) { return lhs; }
+template <class T>
+T left(T lhs, T)
+{
+    return lhs;
+}
+
+std::uint64_t either(std::uint64_t lhs, std::uint64_t rhs) { return lhs | rhs; }
 
 // A copy of 'gpu' at 'location'.
 std::shared_ptr<IGPU> relocated(const IGPU& gpu, const pci::PciLocation& location)
@@ -81,8 +87,38 @@ Optional64 mergeECCErrorCounts(const Optional64& l, const Optional64& r) { retur
 Optional64 mergeTemperature(const Optional64& l, const Optional64& r) { return merged("mergeTemperature", 70, l, r, larger<std::uint64_t>); }
 Optional32 mergeFanSpeed(const Optional32& l, const Optional32& r) { return merged("mergeFanSpeed", 71, l, r, larger<std::uint32_t>); }
 Optional32 mergeVersion(const Optional32& l, const Optional32& r) { return merged("mergeVersion", 72, l, r, larger<std::uint32_t>); }
-OptionalHandle mergeNativeMonitorHandle(const OptionalHandle& l, const OptionalHandle& r) { return merged("mergeNativeMonitorHandle", 73, l, r, leftHandle); }
+OptionalHandle mergeNativeMonitorHandle(const OptionalHandle& l, const OptionalHandle& r) { return merged("mergeNativeMonitorHandle", 73, l, r, left<void*>); }
 // clang-format on
+
+Optional32 mergePowerDraw(const Optional32& l, const Optional32& r)
+{
+    return merged("mergePowerDraw", 85, l, r, left<std::uint32_t>);
+}
+
+Optional64 mergeEnergy(const Optional64& l, const Optional64& r)
+{
+    return merged("mergeEnergy", 90, l, r, left<std::uint64_t>);
+}
+
+Optional32 mergePowerLimit(const Optional32& l, const Optional32& r)
+{
+    return merged("mergePowerLimit", 95, l, r, smaller<std::uint32_t>);
+}
+
+Optional32 mergePCIeLink(const Optional32& l, const Optional32& r)
+{
+    return merged("mergePCIeLink", 100, l, r, smaller<std::uint32_t>);
+}
+
+Optional32 mergePerformanceState(const Optional32& l, const Optional32& r)
+{
+    return merged("mergePerformanceState", 105, l, r, larger<std::uint32_t>);
+}
+
+Optional64 mergeClockEventReasons(const Optional64& l, const Optional64& r)
+{
+    return merged("mergeClockEventReasons", 110, l, r, either);
+}
 
 std::shared_ptr<IGPU> mergeTwoGPUs(const std::shared_ptr<IGPU>& gpuLHS, const std::shared_ptr<IGPU>& gpuRHS)
 {
@@ -125,6 +161,17 @@ std::shared_ptr<IGPU> mergeTwoGPUs(const std::shared_ptr<IGPU>& gpuLHS, const st
     gpu->setVersionMinor(mergeVersion(l.versionMinor(), r.versionMinor()));
     gpu->setCrossfire(mergeCrossfire(l.crossfire(), r.crossfire()));
     gpu->setNativeMonitorHandle(mergeNativeMonitorHandle(l.nativeMonitorHandle(), r.nativeMonitorHandle()));
+    gpu->setPowerDraw(mergePowerDraw(l.powerDraw(), r.powerDraw()));
+    gpu->setPowerLimit(mergePowerLimit(l.powerLimit(), r.powerLimit()));
+    gpu->setEnergyConsumed(mergeEnergy(l.energyConsumed(), r.energyConsumed()));
+    gpu->setTemperatureHotspot(mergeTemperature(l.temperatureHotspot(), r.temperatureHotspot()));
+    gpu->setTemperatureMemory(mergeTemperature(l.temperatureMemory(), r.temperatureMemory()));
+    gpu->setPCIeLinkGeneration(mergePCIeLink(l.pcieLinkGeneration(), r.pcieLinkGeneration()));
+    gpu->setPCIeLinkWidth(mergePCIeLink(l.pcieLinkWidth(), r.pcieLinkWidth()));
+    gpu->setPCIeLinkGenerationMax(mergePCIeLink(l.pcieLinkGenerationMax(), r.pcieLinkGenerationMax()));
+    gpu->setPCIeLinkWidthMax(mergePCIeLink(l.pcieLinkWidthMax(), r.pcieLinkWidthMax()));
+    gpu->setPerformanceState(mergePerformanceState(l.performanceState(), r.performanceState()));
+    gpu->setClockEventReasons(mergeClockEventReasons(l.clockEventReasons(), r.clockEventReasons()));
     return gpu;
 }
 

@@ -21,7 +21,15 @@ namespace libKestrel {
     X(utilizationMemory, setUtilizationMemory, mergeUtilizationPercent)                               \
     X(temperatureCurrent, setTemperatureCurrent, mergeTemperature)                                    \
     X(fanSpeedPercent, setFanSpeedPercent, mergeFanSpeed)                                             \
-    X(fanSpeedRPM, setFanSpeedRPM, mergeFanSpeed)
+    X(fanSpeedRPM, setFanSpeedRPM, mergeFanSpeed)                                                     \
+    X(powerDraw, setPowerDraw, mergePowerDraw)                                                        \
+    X(energyConsumed, setEnergyConsumed, mergeEnergy)                                                 \
+    X(temperatureHotspot, setTemperatureHotspot, mergeTemperature)                                    \
+    X(temperatureMemory, setTemperatureMemory, mergeTemperature)                                      \
+    X(pcieLinkGeneration, setPCIeLinkGeneration, mergePCIeLink)                                       \
+    X(pcieLinkWidth, setPCIeLinkWidth, mergePCIeLink)                                                 \
+    X(performanceState, setPerformanceState, mergePerformanceState)                                   \
+    X(clockEventReasons, setClockEventReasons, mergeClockEventReasons)
 
 void clearReadings(GPU& gpu)
 {
@@ -58,7 +66,7 @@ void foldReadings(GPU& into, const GPU& from)
 #define LIBKESTREL_FOLD(getter, setter, merge)                                                          \
     if (into.GPU::getter() && from.GPU::getter())                                                     \
         into.setter(merge(into.GPU::getter(), from.GPU::getter()));                                   \
-    else if (from.getter())                                                                           \
+    else if (from.GPU::getter())                                                                      \
         into.setter(from.GPU::getter());
     LIBKESTREL_READINGS(LIBKESTREL_FOLD)
 #undef LIBKESTREL_FOLD

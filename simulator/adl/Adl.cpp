@@ -337,6 +337,14 @@ int overdrive6Temperature(const Caller& caller, int adapterIndex, int* temperatu
                   [](const sim::adl::Adapter&, const Gpu& gpu) { return gpu.overdrive6Temperature; });
 }
 
+// Overdrive 6 knows the ASIC's total power, type 0.
+[[maybe_unused]] int overdrive6CurrentPower(const Caller& caller, int adapterIndex, int type, int* power)
+{
+    return number(caller, adapterIndex, power, [type](const sim::adl::Adapter&, const Gpu& gpu) {
+        return type == OD6_POWER_TYPE_ASIC_TOTAL ? gpu.overdrive6Power : std::nullopt;
+    });
+}
+
 // OverdriveN knows the GPU core's temperature, type 1.
 int overdriveNTemperature(const Caller& caller, int adapterIndex, int type, int* temperature)
 {
@@ -510,7 +518,7 @@ int od8CurrentSetting(const Caller& caller, int adapterIndex, ADLOD8CurrentSetti
 }
 
 // The PM log; a "null" fault answers ADL_OK and writes nothing.
-int pmLogData(const Caller& caller, int adapterIndex, ADLPMLogDataOutput* output)
+[[maybe_unused]] int pmLogData(const Caller& caller, int adapterIndex, ADLPMLogDataOutput* output)
 {
     const Overdrive8Call od8 = beginOverdrive8(caller, adapterIndex, {output});
     if (od8.early)
@@ -782,8 +790,14 @@ SIM_ADL2_FORM(Overdrive8_Setting_Set, od8SettingSet,
               (int adapterIndex, ADLOD8SetSetting* set, ADLOD8CurrentSetting* current),
               (adapterIndex, set, current))
 #endif
+#if !defined(SIM_OMIT_ADL2_Overdrive6_CurrentPower_Get)
+SIM_ADL2_FORM(Overdrive6_CurrentPower_Get, overdrive6CurrentPower, (int adapterIndex, int type, int* power),
+              (adapterIndex, type, power))
+#endif
+#if !defined(SIM_OMIT_ADL2_New_QueryPMLogData_Get)
 SIM_ADL2_FORM(New_QueryPMLogData_Get, pmLogData, (int adapterIndex, ADLPMLogDataOutput* output),
               (adapterIndex, output))
+#endif
 SIM_ADL2_FORM(Overdrive8_Init_SettingX2_Get, od8InitSettingX2,
               (int adapterIndex, int* capabilities, int* numberOfFeatures, ADLOD8SingleInitSetting** list),
               (adapterIndex, capabilities, numberOfFeatures, list))

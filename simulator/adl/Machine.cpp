@@ -311,6 +311,7 @@ Gpu readGpu(const json& adl, const vendor::AdapterInfo& first)
     gpu.activity = readActivity(member(adl, "overdrive5"));
     gpu.thermalControllers = readThermalControllers(member(adl, "overdrive5"));
     gpu.overdrive6Temperature = readNumber(member(adl, "overdrive6"), "temperature");
+    gpu.overdrive6Power = readNumber(member(adl, "overdrive6"), "power");
     gpu.overdriveNTemperature = readNumber(member(adl, "overdriveN"), "temperature");
     gpu.odClock = readODClock(member(adl, "odClock"));
     gpu.overdrive8 = readOverdrive8(member(adl, "overdrive8"));

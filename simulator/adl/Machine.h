@@ -61,6 +61,7 @@ struct Gpu {
     std::optional<std::vector<vendor::ADLThermalControllerInfo>> thermalControllers; // Overdrive 5
     std::optional<int> overdrive6Temperature;                                      // millidegrees Celsius
     std::optional<int> overdriveNTemperature;                                      // millidegrees Celsius
+    std::optional<int> overdrive6Power; // the ASIC's total power, watts with 8 fractional bits
     std::optional<vendor::ADLAdapterODClockInfo> odClock;                          // 10 kHz
     std::optional<Overdrive8> overdrive8;
     int adapterId = 0;

@@ -51,6 +51,33 @@ constexpr std::size_t pciInfoSize = 68;
 constexpr std::size_t memorySize = 24;
 constexpr std::size_t utilizationSize = 8;
 constexpr std::size_t nameBuffer = 64;
+// Performance states P0 to P15, and the one NVML cannot tell.
+constexpr int pstate15 = 15;
+constexpr int pstateUnknown = 32;
+// nvmlDeviceGetFieldValues: the memory temperature's field id, the value types,
+// and nvmlFieldValue_t's layout (fieldId, scopeId, two 64-bit times, valueType,
+// nvmlReturn, an 8-byte union of the value).
+constexpr unsigned int fieldMemoryTemperature = 82;
+constexpr int valueTypeDouble = 0;
+constexpr int valueTypeUnsignedInt = 1;
+constexpr int valueTypeUnsignedLong = 2;
+constexpr int valueTypeUnsignedLongLong = 3;
+constexpr int valueTypeSignedLongLong = 4;
+constexpr int valueTypeSignedInt = 5;
+constexpr int valueTypeUnsignedShort = 6;
+constexpr std::size_t fieldValueSize = 40;
+constexpr std::size_t fieldValueTypeOffset = 24;
+constexpr std::size_t fieldValueValueOffset = 32;
+// Clocks event (formerly throttle) reason bits.
+constexpr unsigned long long reasonGpuIdle = 0x1;
+constexpr unsigned long long reasonApplicationsClocksSetting = 0x2;
+constexpr unsigned long long reasonSwPowerCap = 0x4;
+constexpr unsigned long long reasonHwSlowdown = 0x8;
+constexpr unsigned long long reasonSyncBoost = 0x10;
+constexpr unsigned long long reasonSwThermalSlowdown = 0x20;
+constexpr unsigned long long reasonHwThermalSlowdown = 0x40;
+constexpr unsigned long long reasonHwPowerBrakeSlowdown = 0x80;
+constexpr unsigned long long reasonDisplayClockSetting = 0x100;
 } // namespace nvml
 
 // CUDA driver device attributes.
@@ -91,6 +118,15 @@ constexpr int od8TemperatureSystem = 1 << 7;
 constexpr int pmLogGraphicsClock = 1;
 constexpr int pmLogMemoryClock = 2;
 constexpr int pmLogTemperatureEdge = 8;
+constexpr int pmLogTemperatureMemory = 9;
+constexpr int pmLogAsicPower = 23;         // whole watts
+constexpr int pmLogTemperatureHotspot = 27;
+constexpr std::size_t pmLogSensorsOffset = 4; // after the size field, 8 bytes a sensor {supported, value}
+constexpr std::size_t pmLogSensorSize = 8;
+// ADL2_Overdrive6_CurrentPower_Get: power type 0 is the ASIC's total, in watts
+// with 8 fractional bits.
+constexpr int od6PowerTypeAsicTotal = 0;
+constexpr int od6PowerFractionBits = 8;
 } // namespace adl
 
 // GLFW window hints.

@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "common/VendorFacts.h"
+#include "libKestrel/ClockEventReasons.h"
 #include "libKestrel/vendor/adl.h"
 #include "libKestrel/vendor/cuda.h"
 #include "libKestrel/vendor/glfw.h"
@@ -60,6 +61,39 @@ static_assert(sizeof(nvml::nvmlPciInfo_t) == facts::nvml::pciInfoSize);
 static_assert(sizeof(nvml::nvmlMemory_t) == facts::nvml::memorySize);
 static_assert(sizeof(nvml::nvmlUtilization_t) == facts::nvml::utilizationSize);
 static_assert(nvml::NVML_DEVICE_NAME_BUFFER_SIZE == facts::nvml::nameBuffer);
+static_assert(nvml::NVML_PSTATE_15 == facts::nvml::pstate15);
+static_assert(nvml::NVML_PSTATE_UNKNOWN == facts::nvml::pstateUnknown);
+static_assert(nvml::NVML_FI_DEV_MEMORY_TEMP == facts::nvml::fieldMemoryTemperature);
+static_assert(nvml::NVML_VALUE_TYPE_DOUBLE == facts::nvml::valueTypeDouble);
+static_assert(nvml::NVML_VALUE_TYPE_UNSIGNED_INT == facts::nvml::valueTypeUnsignedInt);
+static_assert(nvml::NVML_VALUE_TYPE_UNSIGNED_LONG == facts::nvml::valueTypeUnsignedLong);
+static_assert(nvml::NVML_VALUE_TYPE_UNSIGNED_LONG_LONG == facts::nvml::valueTypeUnsignedLongLong);
+static_assert(nvml::NVML_VALUE_TYPE_SIGNED_LONG_LONG == facts::nvml::valueTypeSignedLongLong);
+static_assert(nvml::NVML_VALUE_TYPE_SIGNED_INT == facts::nvml::valueTypeSignedInt);
+static_assert(nvml::NVML_VALUE_TYPE_UNSIGNED_SHORT == facts::nvml::valueTypeUnsignedShort);
+static_assert(sizeof(nvml::nvmlFieldValue_t) == facts::nvml::fieldValueSize);
+static_assert(offsetof(nvml::nvmlFieldValue_t, valueType) == facts::nvml::fieldValueTypeOffset);
+static_assert(offsetof(nvml::nvmlFieldValue_t, value) == facts::nvml::fieldValueValueOffset);
+// NVML's reason bits, which are also the record's (libKestrel/ClockEventReasons.h).
+namespace reason = libKestrel::clockEventReason;
+static_assert(nvml::nvmlClocksEventReasonGpuIdle == facts::nvml::reasonGpuIdle &&
+              reason::gpuIdle == facts::nvml::reasonGpuIdle);
+static_assert(nvml::nvmlClocksEventReasonApplicationsClocksSetting == facts::nvml::reasonApplicationsClocksSetting &&
+              reason::applicationsClocksSetting == facts::nvml::reasonApplicationsClocksSetting);
+static_assert(nvml::nvmlClocksEventReasonSwPowerCap == facts::nvml::reasonSwPowerCap &&
+              reason::softwarePowerCap == facts::nvml::reasonSwPowerCap);
+static_assert(nvml::nvmlClocksThrottleReasonHwSlowdown == facts::nvml::reasonHwSlowdown &&
+              reason::hardwareSlowdown == facts::nvml::reasonHwSlowdown);
+static_assert(nvml::nvmlClocksEventReasonSyncBoost == facts::nvml::reasonSyncBoost &&
+              reason::syncBoost == facts::nvml::reasonSyncBoost);
+static_assert(nvml::nvmlClocksEventReasonSwThermalSlowdown == facts::nvml::reasonSwThermalSlowdown &&
+              reason::softwareThermalSlowdown == facts::nvml::reasonSwThermalSlowdown);
+static_assert(nvml::nvmlClocksThrottleReasonHwThermalSlowdown == facts::nvml::reasonHwThermalSlowdown &&
+              reason::hardwareThermalSlowdown == facts::nvml::reasonHwThermalSlowdown);
+static_assert(nvml::nvmlClocksThrottleReasonHwPowerBrakeSlowdown == facts::nvml::reasonHwPowerBrakeSlowdown &&
+              reason::hardwarePowerBrakeSlowdown == facts::nvml::reasonHwPowerBrakeSlowdown);
+static_assert(nvml::nvmlClocksEventReasonDisplayClockSetting == facts::nvml::reasonDisplayClockSetting &&
+              reason::displayClockSetting == facts::nvml::reasonDisplayClockSetting);
 
 namespace cuda = libKestrel::cuda;
 static_assert(cuda::CU_DEVICE_ATTRIBUTE_CLOCK_RATE == facts::cuda::clockRate);
@@ -92,6 +126,13 @@ static_assert(adl::ADL_OD8_TEMPERATURE_SYSTEM == facts::adl::od8TemperatureSyste
 static_assert(adl::PMLOG_CLK_GFXCLK == facts::adl::pmLogGraphicsClock);
 static_assert(adl::PMLOG_CLK_MEMCLK == facts::adl::pmLogMemoryClock);
 static_assert(adl::PMLOG_TEMPERATURE_EDGE == facts::adl::pmLogTemperatureEdge);
+static_assert(adl::PMLOG_TEMPERATURE_MEM == facts::adl::pmLogTemperatureMemory);
+static_assert(adl::PMLOG_ASIC_POWER == facts::adl::pmLogAsicPower);
+static_assert(adl::PMLOG_TEMPERATURE_HOTSPOT == facts::adl::pmLogTemperatureHotspot);
+static_assert(offsetof(adl::ADLPMLogDataOutput, sensors) == facts::adl::pmLogSensorsOffset);
+static_assert(sizeof(adl::ADLSingleSensorData) == facts::adl::pmLogSensorSize);
+static_assert(adl::OD6_POWER_TYPE_ASIC_TOTAL == facts::adl::od6PowerTypeAsicTotal);
+static_assert(adl::OD6_POWER_FRACTION_BITS == facts::adl::od6PowerFractionBits);
 
 namespace glfw = libKestrel::glfw;
 static_assert(glfw::GLFW_VISIBLE == facts::glfw::visible);

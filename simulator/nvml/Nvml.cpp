@@ -342,6 +342,55 @@ SIM_EXPORT nvmlReturn_t nvmlDeviceGetFanSpeed(nvmlDevice_t device, unsigned int*
 CHECK_SIGNATURE(nvmlDeviceGetFanSpeed);
 #endif
 
+// Entries that write one value the device has, or answer that it lacks it.
+#define SIM_VALUE_ENTRY(name, type, member)                                                                    \
+    SIM_EXPORT nvmlReturn_t name(nvmlDevice_t device, type* value)                                             \
+    {                                                                                                          \
+        const sim::Guard guard;                                                                                \
+        const DeviceCall call = beginDevice(#name, device, value);                                             \
+        return writeValue(call, call.device ? call.device->member : std::nullopt, value);                      \
+    }                                                                                                          \
+    CHECK_SIGNATURE(name);
+SIM_VALUE_ENTRY(nvmlDeviceGetPowerUsage, unsigned int, powerUsage)
+SIM_VALUE_ENTRY(nvmlDeviceGetEnforcedPowerLimit, unsigned int, powerLimit)
+SIM_VALUE_ENTRY(nvmlDeviceGetTotalEnergyConsumption, unsigned long long, energy)
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrPcieLinkGeneration, unsigned int, linkGeneration)
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrPcieLinkWidth, unsigned int, linkWidth)
+SIM_VALUE_ENTRY(nvmlDeviceGetMaxPcieLinkGeneration, unsigned int, linkGenerationMax)
+SIM_VALUE_ENTRY(nvmlDeviceGetMaxPcieLinkWidth, unsigned int, linkWidthMax)
+SIM_VALUE_ENTRY(nvmlDeviceGetPerformanceState, nvmlPstates_t, performanceState)
+// Both names answer the same mask, as NVML's do; a driver older than the newer
+// name lacks it (the variant without it).
+#if !defined(SIM_OMIT_nvmlDeviceGetCurrentClocksEventReasons)
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrentClocksEventReasons, unsigned long long, clocksEventReasons)
+#endif
+SIM_VALUE_ENTRY(nvmlDeviceGetCurrentClocksThrottleReasons, unsigned long long, clocksEventReasons)
+#undef SIM_VALUE_ENTRY
+
+// Fills each field asked for: the memory temperature when the device has it,
+// NVML_ERROR_NOT_SUPPORTED in the field otherwise. NVML answers the call itself
+// with success whatever the fields' own codes.
+SIM_EXPORT nvmlReturn_t nvmlDeviceGetFieldValues(nvmlDevice_t device, int valuesCount, nvmlFieldValue_t* values)
+{
+    const sim::Guard guard;
+    const DeviceCall call = beginDevice("nvmlDeviceGetFieldValues", device, valuesCount > 0 ? values : nullptr);
+    if (!call.proceeds())
+        return call.status;
+    for (int i = 0; i < valuesCount; ++i) {
+        nvmlFieldValue_t& field = values[i];
+        const auto& known = call.device->memoryTemperature;
+        if (field.fieldId == NVML_FI_DEV_MEMORY_TEMP && known) {
+            field.valueType = known->valueType;
+            field.value = known->value;
+            field.nvmlReturn = known->nvmlReturn;
+        } else {
+            field.nvmlReturn = NVML_ERROR_NOT_SUPPORTED;
+        }
+    }
+    return NVML_SUCCESS;
+}
+CHECK_SIGNATURE(nvmlDeviceGetFieldValues);
+
 // Answers outside a session too, as NVML does. The fault {"null": true} gives no text.
 SIM_EXPORT const char* nvmlErrorString(nvmlReturn_t result)
 {

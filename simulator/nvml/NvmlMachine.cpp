@@ -103,6 +103,45 @@ void readEcc(const nlohmann::json& section, nvmlDevice_st& device)
         }
 }
 
+// "memoryTemperature": a number of degrees, or {"type": n, "value": v,
+// "return": code} for a field of another value type (NVML_VALUE_TYPE_*), or one
+// NVML answers with a code of its own.
+std::optional<nvmlFieldValue_t> memoryTemperature(const nlohmann::json& section)
+{
+    const nlohmann::json& given = member(section, "memoryTemperature");
+    if (given.is_null())
+        return std::nullopt;
+    nvmlFieldValue_t field{};
+    field.fieldId = NVML_FI_DEV_MEMORY_TEMP;
+    field.nvmlReturn = NVML_SUCCESS;
+    field.valueType = NVML_VALUE_TYPE_UNSIGNED_INT;
+    if (given.is_number_integer()) {
+        const auto degrees = reading(section, "memoryTemperature");
+        if (!degrees)
+            return std::nullopt;
+        field.value.uiVal = *degrees;
+        return field;
+    }
+    field.nvmlReturn = static_cast<nvmlReturn_t>(number(given, "return").value_or(NVML_SUCCESS));
+    field.valueType = static_cast<nvmlValueType_t>(number(given, "type").value_or(NVML_VALUE_TYPE_UNSIGNED_INT));
+    const nlohmann::json& value = member(given, "value");
+    if (field.valueType == NVML_VALUE_TYPE_DOUBLE && value.is_number())
+        field.value.dVal = value.get<double>();
+    else if (value.is_number_integer())
+        field.value.sllVal = value.get<long long>(); // the low bytes are every smaller type's
+    return field;
+}
+
+// "link": {"generation", "width", "maxGeneration", "maxWidth"}.
+void readLink(const nlohmann::json& section, nvmlDevice_st& device)
+{
+    const nlohmann::json& link = member(section, "link");
+    device.linkGeneration = reading(link, "generation");
+    device.linkWidth = reading(link, "width");
+    device.linkGenerationMax = reading(link, "maxGeneration");
+    device.linkWidthMax = reading(link, "maxWidth");
+}
+
 std::unique_ptr<nvmlDevice_st> readDevice(const nlohmann::json& gpu, const nlohmann::json& section, std::int64_t index)
 {
     auto device = std::make_unique<nvmlDevice_st>();
@@ -120,6 +159,14 @@ std::unique_ptr<nvmlDevice_st> readDevice(const nlohmann::json& gpu, const nlohm
     device->utilization = utilization(section);
     device->memory = memory(section);
     readEcc(section, *device);
+    device->powerUsage = reading(section, "power");
+    device->powerLimit = reading(section, "powerLimit");
+    device->energy = number(section, "energy");
+    device->memoryTemperature = memoryTemperature(section);
+    readLink(section, *device);
+    if (const auto state = reading(section, "performanceState"))
+        device->performanceState = static_cast<nvmlPstates_t>(*state);
+    device->clocksEventReasons = number(section, "clocksEventReasons");
     return device;
 }
 

@@ -29,6 +29,19 @@ struct libKestrel::nvml::nvmlDevice_st {
     std::optional<nvmlMemory_t> memory;
     // Per [error type][counter type]; absent where ECC counts are not kept.
     std::optional<nvmlEccErrorCounts_t> ecc[NVML_MEMORY_ERROR_TYPE_COUNT][NVML_ECC_COUNTER_TYPE_COUNT];
+    // Milliwatts, millijoules, degrees Celsius; the link's generation and lanes,
+    // now and at most; the performance state as NVML numbers it; the mask of
+    // clocks event reasons.
+    std::optional<unsigned int> powerUsage;
+    std::optional<unsigned int> powerLimit;
+    std::optional<unsigned long long> energy;
+    std::optional<nvmlFieldValue_t> memoryTemperature; // fieldId NVML_FI_DEV_MEMORY_TEMP, as NVML fills it
+    std::optional<unsigned int> linkGeneration;
+    std::optional<unsigned int> linkWidth;
+    std::optional<unsigned int> linkGenerationMax;
+    std::optional<unsigned int> linkWidthMax;
+    std::optional<nvmlPstates_t> performanceState;
+    std::optional<unsigned long long> clocksEventReasons;
 };
 
 namespace simnvml {

@@ -268,6 +268,60 @@ TEST_F(AmdSource, EachReadingInItsUnitAndEachFailingCallCostsOnlyItsProperties)
     }
 }
 
+// The power and the hot temperatures of the card's one adapter: from the
+// Overdrive 8 PM log (whole watts and degrees), the power else from Overdrive 6
+// (watts with 8 fractional bits). A reading the GPU lacks, or a call it refuses,
+// leaves its property out with a trace; a reading no GPU gives, with a warning.
+TEST_F(AmdSource, PowerAndHotTemperaturesComeFromThePmLogElseOverdrive6)
+{
+    const json od6Power = json::parse(R"({"overdrive6": {"power": 2816}})"); // 11 W
+    const auto pmLog = [&od6Power](int power, int hotspot, int memory, int powerSupported = 1, bool od6 = false) {
+        json adl = {{"overdrive8", {{"pmlog", {{{"sensor", 23}, {"value", power}, {"supported", powerSupported}},
+                                               {{"sensor", 27}, {"value", hotspot}},
+                                               {{"sensor", 9}, {"value", memory}}}}}}};
+        if (od6)
+            adl.merge_patch(od6Power);
+        return adl;
+    };
+    const struct {
+        json adl; // merged into the card's "adl" section
+        const char* faults;
+        const char* added; // to the full record
+        Lines readings;
+    } rows[] = {
+        {pmLog(141, 67, 60), "{}", " powerDraw=141000 temperatureHotspot=67 temperatureMemory=60", {}},
+        {pmLog(10000, 200, 0), "{}", " powerDraw=10000000 temperatureHotspot=200 temperatureMemory=0", {}},
+        {pmLog(10001, 201, -1), "{}", "",
+         {"3|301 Reading beyond any GPU left out: ASIC power (watts): 10001",
+          "3|301 Reading beyond any GPU left out: Temperature hot spot (Celsius): 201",
+          "3|300 Negative reading left out: Temperature memory (Celsius): -1"}},
+        // The PM log without the power, or refused, or given none: Overdrive 6's.
+        {pmLog(141, 67, 60, 0, true), "{}",
+         " powerDraw=11000 temperatureHotspot=67 temperatureMemory=60", {}},
+        {pmLog(141, 67, 60, 1, true), R"({"ADL2_New_QueryPMLogData_Get": {"return": -8}})",
+         " powerDraw=11000", {}},
+        {od6Power, "{}", " powerDraw=11000", {}},
+        {json::parse(R"({"overdrive6": {"power": 300}})"), "{}", " powerDraw=1171", {}},
+        {json::parse(R"({"overdrive6": {"power": -256}})"), "{}", "",
+         {"3|300 Negative reading left out: ASIC power (1/256 watts): -256"}},
+        {json::parse(R"({"overdrive6": {"power": 2560256}})"), "{}", "",
+         {"3|301 Reading beyond any GPU left out: ASIC power (1/256 watts): 2560256"}},
+        {od6Power, R"({"ADL2_Overdrive6_CurrentPower_Get": {"return": -1}})", "", {}},
+        // Read on a context of the query's own: without one, none of them.
+        {pmLog(141, 67, 60), R"({"ADL2_Main_Control_Create": {"return": -1}})", "", {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.adl.dump() + " " + row.faults);
+        json card = {{"adl", row.adl}};
+        card["adl"]["adapters"] = json::parse(R"([{"index": 7}])");
+        const Query run = query(machine(card, row.faults));
+        const bool secondPass = std::string(row.faults).find("ADL2_Main_Control_Create") == std::string::npos;
+        const Lines records = secondPass ? Lines{full + row.added, bare} : Lines{full + row.added};
+        EXPECT_EQ(run.records, records);
+        EXPECT_EQ(run.readings, row.readings);
+    }
+}
+
 // Drivers without an entry the source needs, and no ADL at all: what each costs.
 TEST(AdlDrivers, EachMissingEntryCostsWhatDependsOnIt)
 {
@@ -283,6 +337,8 @@ TEST(AdlDrivers, EachMissingEntryCostsWhatDependsOnIt)
         {"sim_adl_without_adapter_count", {}, {"3|156 Adapter_NumberOfAdapters_Get not available"}, {}},
         {"sim_adl_without_adapter_info", {}, {"3|174 Adapter_AdapterInfo_Get not available"}, {}},
         {"sim_adl_without_adl2", {full}, {"3|197 Main_Control_Create not available"}, {}},
+        {"sim_adl_without_power", {full, bare}, {},
+         {"3|310 New_QueryPMLogData_Get not available", "3|315 Overdrive6_CurrentPower_Get not available"}},
         {"sim_adl_without_adl2_count", {fullWith({"crossfire="})}, {"3|214 Adapter_NumberOfAdapters_Get not available"},
          {"3|75 Adapter_Crossfire_Caps not available"}},
         {"sim_adl_without_properties", {named}, {"3|232 Adapter_AdapterInfo_Get not available"},

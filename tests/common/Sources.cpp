@@ -3,7 +3,7 @@
 #include <type_traits>
 
 #include "common/Simulator.h"
-#include "libKestrel/GPUProperties.h"
+#include "libKestrel/internal/Properties.h"
 
 namespace kestrel::test {
 namespace {
@@ -40,7 +40,7 @@ std::string describe(const libKestrel::IGPU& gpu)
 #define KESTREL_DESCRIBE(type, getter, setter, unit)                                                                  \
     if (const auto value = gpu.getter())                                                                              \
         text += " " #getter "=" + valueText(*value);
-    LIBKESTREL_GPU_PROPERTIES(KESTREL_DESCRIBE)
+    LIBKESTREL_ALL_GPU_PROPERTIES(KESTREL_DESCRIBE)
 #undef KESTREL_DESCRIBE
     return text;
 }

@@ -22,7 +22,7 @@ TEST(Isolation, TheHelperBesideTheLibraryRunsWhateverTheHostsCurrentFolder)
     const fs::path planted = root / "planted" / "lib" / "kestrel-probe";
     fs::create_directories(root / "lib");
     fs::create_directories(planted.parent_path());
-    fs::copy_file(built / "libKestrel.so.0", root / "lib" / "libKestrel.so.0");
+    fs::copy_file(built / KESTREL_LIBRARY_SONAME, root / "lib" / KESTREL_LIBRARY_SONAME);
     fs::copy_file(built / "fake_kestrel_probe", root / "lib" / "kestrel-probe");
     std::ofstream(planted) << "#!/bin/sh\ntouch \"$0.ran\"\n";
     fs::permissions(planted, fs::perms::owner_all);

@@ -5,6 +5,7 @@
 #include "common/Records.h"
 #include "common/Test.h"
 #include "libKestrel/internal/Kestrel.h"
+#include "libKestrel/internal/Properties.h"
 
 namespace {
 
@@ -73,6 +74,22 @@ const std::vector<Row> rows = {
     ROW(versionMinor, setVersionMinor, U32(5), U32(0), U32(5)),
     // The monitor handle: the left one when there is one.
     ROW(nativeMonitorHandle, setNativeMonitorHandle, Handle(&monitorA), Handle(&monitorB), Handle(&monitorA)),
+    // Power draw and the energy counter: the earlier source's (a vendor library's over the kernel's files).
+    ROW(powerDraw, setPowerDraw, U32(141000), U32(142000), U32(141000)),
+    ROW(energyConsumed, setEnergyConsumed, U64(900), U64(4318275000), U64(900)),
+    // The power limit the GPU keeps to: the smaller.
+    ROW(powerLimit, setPowerLimit, U32(250000), U32(213000), U32(213000)),
+    // Further temperatures: the larger, as the others.
+    ROW(temperatureHotspot, setTemperatureHotspot, U64(67), U64(68), U64(68)),
+    ROW(temperatureMemory, setTemperatureMemory, std::nullopt, U64(60), U64(60)),
+    // The link: what its slower end allows, each value on its own.
+    ROW(pcieLinkGeneration, setPCIeLinkGeneration, U32(4), U32(3), U32(3)),
+    ROW(pcieLinkWidth, setPCIeLinkWidth, U32(8), U32(16), U32(8)),
+    ROW(pcieLinkGenerationMax, setPCIeLinkGenerationMax, std::nullopt, U32(4), U32(4)),
+    ROW(pcieLinkWidthMax, setPCIeLinkWidthMax, U32(16), U32(16), U32(16)),
+    // The slower performance state, and every reason either side names.
+    ROW(performanceState, setPerformanceState, U32(2), U32(8), U32(8)),
+    ROW(clockEventReasons, setClockEventReasons, U64(0x4), U64(0x21), U64(0x25)),
 };
 
 TEST(Merge, EveryPropertyFollowsItsGroupsRuleAndInputsStayUnchanged)
@@ -100,7 +117,7 @@ TEST(Merge, EveryPropertyFollowsItsGroupsRuleAndInputsStayUnchanged)
     // Both sides empty stays empty.
     const auto bare = libKestrel::mergeTwoGPUs(gpuAt(1), gpuAt(1));
 #define EXPECT_EMPTY(type, getter, setter, unit) EXPECT_FALSE(bare->getter().has_value()) << #getter;
-    LIBKESTREL_GPU_PROPERTIES(EXPECT_EMPTY)
+    LIBKESTREL_ALL_GPU_PROPERTIES(EXPECT_EMPTY)
 #undef EXPECT_EMPTY
 }
 

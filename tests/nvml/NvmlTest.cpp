@@ -88,7 +88,10 @@ const std::string quadro = R"({
              "memory": {"total": 17179869184, "used": 1073741824},
              "ecc": {"corrected": {"volatile": {"deviceMemory": 1, "l1Cache": 2, "l2Cache": 3, "registerFile": 4},
                                    "aggregate": {"deviceMemory": 10, "l1Cache": 20, "l2Cache": 30, "registerFile": 40}},
-                     "uncorrected": {"volatile": {"deviceMemory": 5}, "aggregate": {"registerFile": 7}}}}})";
+                     "uncorrected": {"volatile": {"deviceMemory": 5}, "aggregate": {"registerFile": 7}}},
+             "power": 215300, "powerLimit": 250000, "energy": 4318275000, "memoryTemperature": 71,
+             "link": {"generation": 3, "width": 8, "maxGeneration": 4, "maxWidth": 16}, "performanceState": 2,
+             "clocksEventReasons": 36}})";
 const std::string tesla = R"json({
     "name": "Tesla T4", "pci": {"bus": 179, "device": 3, "function": 1, "domain": 2},
     "nvml": {"name": "Tesla T4 (NVML)", "uuid": "GPU-3b4f1a2c-0002", "vbios": "90.04.96.00.01",
@@ -104,7 +107,9 @@ const std::string quadroRecord =
     "0000:65:00.0 name=Quadro RTX 5000 hardwareAcceleration=true vbiosVersion=90.04.38.00.03 "
     "eccErrorsCorrectedVolatile=10 eccErrorsUncorrectedVolatile=5 eccErrorsCorrectedAggregate=100 "
     "eccErrorsUncorrectedAggregate=7 utilizationGPU=37 utilizationMemory=12 temperatureCurrent=45 "
-    "temperatureSlowdown=93 temperatureShutdown=96 uuid=GPU-3b4f1a2c-0001 fanSpeedPercent=41";
+    "temperatureSlowdown=93 temperatureShutdown=96 uuid=GPU-3b4f1a2c-0001 fanSpeedPercent=41 powerDraw=215300 "
+    "powerLimit=250000 energyConsumed=4318275000 temperatureMemory=71 pcieLinkGeneration=3 pcieLinkWidth=8 "
+    "pcieLinkGenerationMax=4 pcieLinkWidthMax=16 performanceState=2 clockEventReasons=36";
 const std::string teslaRecord =
     "0002:b3:03.0 name=Tesla T4 (NVML) hardwareAcceleration=true vbiosVersion=90.04.96.00.01 "
     "eccErrorsCorrectedVolatile=0 eccErrorsUncorrectedVolatile=0 eccErrorsCorrectedAggregate=0 "
@@ -145,7 +150,14 @@ LogLines quadroRead()
                                    {binding, 1, "286 ECC L2 cache errors: " + ecc[2]},
                                    {binding, 1, "287 ECC Register file errors: " + ecc[3]}});
     for (const char* text : {"188 Temperature current (Celsius): 45", "208 Temperature slowdown (Celsius): 93",
-                             "228 Temperature shutdown (Celsius): 96", "309 Fan speed (percent): 41"})
+                             "228 Temperature shutdown (Celsius): 96", "309 Fan speed (percent): 41",
+                             "322 Power draw (milliwatts): 215300",
+                             "332 Energy since the driver loaded (millijoules): 4318275000",
+                             "338 Temperature memory (Celsius): 71", "342 PCIe link generation: 3",
+                             "346 PCIe link width (lanes): 8", "362 Performance state: 2",
+                             "367 Clock event reasons: 36",
+                             "327 Power limit (milliwatts): 250000", "352 PCIe link generation at most: 4",
+                             "356 PCIe link width at most (lanes): 16"})
         lines.push_back({binding, 1, text});
     return lines;
 }
@@ -292,6 +304,33 @@ TEST(NvmlSource, APropertyNvmlRefusesOrLacksIsLeftAbsentAndTheRestKept)
         {KESTREL_ENTRY(nvmlDeviceGetFanSpeed), 3,
          {{binding, 1, "305 Failed to retrieve NVML fan speed: Not Supported"}},
          {{binding, 3, "298 NvmlDeviceGetFanSpeed not available"}}, " fanSpeedPercent=41"},
+        {KESTREL_ENTRY(nvmlDeviceGetPowerUsage), 3,
+         {{binding, 1, "321 Failed to retrieve NVML power usage: Not Supported"}},
+         {{binding, 3, "320 NvmlDeviceGetPowerUsage not available"}}, " powerDraw=215300"},
+        {KESTREL_ENTRY(nvmlDeviceGetEnforcedPowerLimit), 4,
+         {{binding, 1, "326 Failed to retrieve NVML enforced power limit: Insufficient Permissions"}},
+         {{binding, 3, "325 NvmlDeviceGetEnforcedPowerLimit not available"}}, " powerLimit=250000"},
+        {KESTREL_ENTRY(nvmlDeviceGetTotalEnergyConsumption), 3,
+         {{binding, 1, "331 Failed to retrieve NVML total energy consumption: Not Supported"}},
+         {{binding, 3, "330 NvmlDeviceGetTotalEnergyConsumption not available"}}, " energyConsumed=4318275000"},
+        {KESTREL_ENTRY(nvmlDeviceGetFieldValues), 2,
+         {{binding, 1, "336 Failed to retrieve NVML memory temperature: Invalid Argument"}},
+         {{binding, 3, "335 NvmlDeviceGetFieldValues not available"}}, " temperatureMemory=71"},
+        {KESTREL_ENTRY(nvmlDeviceGetCurrPcieLinkGeneration), 3,
+         {{binding, 1, "341 Failed to retrieve NVML current PCIe link generation: Not Supported"}},
+         {{binding, 3, "340 NvmlDeviceGetCurrPcieLinkGeneration not available"}}, " pcieLinkGeneration=3"},
+        {KESTREL_ENTRY(nvmlDeviceGetCurrPcieLinkWidth), 3,
+         {{binding, 1, "345 Failed to retrieve NVML current PCIe link width: Not Supported"}},
+         {{binding, 3, "344 NvmlDeviceGetCurrPcieLinkWidth not available"}}, " pcieLinkWidth=8"},
+        {KESTREL_ENTRY(nvmlDeviceGetMaxPcieLinkGeneration), 3,
+         {{binding, 1, "351 Failed to retrieve NVML maximum PCIe link generation: Not Supported"}},
+         {{binding, 3, "350 NvmlDeviceGetMaxPcieLinkGeneration not available"}}, " pcieLinkGenerationMax=4"},
+        {KESTREL_ENTRY(nvmlDeviceGetMaxPcieLinkWidth), 3,
+         {{binding, 1, "355 Failed to retrieve NVML maximum PCIe link width: Not Supported"}},
+         {{binding, 3, "354 NvmlDeviceGetMaxPcieLinkWidth not available"}}, " pcieLinkWidthMax=16"},
+        {KESTREL_ENTRY(nvmlDeviceGetPerformanceState), 15,
+         {{binding, 1, "361 Failed to retrieve NVML performance state: GPU is lost"}},
+         {{binding, 3, "360 NvmlDeviceGetPerformanceState not available"}}, " performanceState=2"},
         {KESTREL_ENTRY(nvmlDeviceGetPciInfo_v2), 3,
          {{binding, 3, "61 Failed to retrieve NVML PCI location: Not Supported"}, noLocation},
          {{binding, 3, "53 NvmlDeviceGetPciInfo not available"}, noLocation}, nullptr},
@@ -332,6 +371,86 @@ TEST(NvmlSource, APropertyNvmlRefusesOrLacksIsLeftAbsentAndTheRestKept)
         EXPECT_EQ(describe(libKestrel::queryNVidiaGPU(lacking, device)), expected(row.lost));
         EXPECT_EQ(capture.messages(), row.missing);
     }
+}
+
+// Each reading at its bounds and past them, in the value types NVML gives a
+// field in: a reading no GPU gives is the driver's error, left out and said.
+TEST(NvmlSource, AReadingBeyondAnyGpuIsLeftOutAndSaid)
+{
+    const auto beyond = [](const std::string& what) {
+        return LogLine{binding, 3, "370 Reading beyond any GPU left out: " + what};
+    };
+    const struct {
+        const char* readings; // of the device's NVML section
+        const char* record;   // what the record holds of them
+        LogLines lines;       // at WARNING and above
+    } rows[] = {
+        {R"("power": 10000000, "powerLimit": 10000001)", " powerDraw=10000000",
+         {beyond("Power limit (milliwatts): 10000001")}},
+        {R"("energy": 31557600000000000)", " energyConsumed=31557600000000000", {}},
+        {R"("energy": 31557600000000001)", "",
+         {beyond("Energy since the driver loaded (millijoules): 31557600000000001")}},
+        {R"("memoryTemperature": 200)", " temperatureMemory=200", {}},
+        {R"("memoryTemperature": 201)", "", {beyond("Temperature memory (Celsius): 201")}},
+        {R"("memoryTemperature": {"type": 0, "value": 72})", " temperatureMemory=72", {}},
+        {R"("memoryTemperature": {"type": 3, "value": 73})", " temperatureMemory=73", {}},
+        {R"("memoryTemperature": {"type": 6, "value": 74})", " temperatureMemory=74", {}},
+        {R"("memoryTemperature": {"type": 5, "value": -3})", "", {beyond("Temperature memory (Celsius): -3")}},
+        {R"("memoryTemperature": {"type": 9, "value": 70})", "",
+         {{binding, 3, "337 Memory temperature of a value type NVML does not name left out: 9"}}},
+        {R"("memoryTemperature": {"value": 70, "return": 3})", "", {}}, // refused for the field alone: a trace
+        {R"("link": {"generation": 7, "width": 32, "maxGeneration": 8, "maxWidth": 33})",
+         " pcieLinkGeneration=7 pcieLinkWidth=32",
+         {beyond("PCIe link generation at most: 8"), beyond("PCIe link width at most (lanes): 33")}},
+        {R"("link": {"generation": 0, "width": 0, "maxGeneration": 1, "maxWidth": 1})",
+         " pcieLinkGenerationMax=1 pcieLinkWidthMax=1",
+         {beyond("PCIe link generation: 0"), beyond("PCIe link width (lanes): 0")}},
+        {R"("performanceState": 15, "clocksEventReasons": 0)", " performanceState=15 clockEventReasons=0", {}},
+        {R"("performanceState": 32)", "", {}}, // NVML cannot tell
+        {R"("performanceState": 16)", "", {beyond("Performance state: 16")}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.readings);
+        const NvmlRun run = runNvml("sim_nvml", scenario({std::string(R"({"pci": {"bus": 1}, "nvml": {)") +
+                                                          row.readings + "}}"}),
+                                    Priority::WARNING);
+        EXPECT_EQ(describe(run.records),
+                  Lines{"0000:01:00.0 name=NVIDIA Simulated GPU hardwareAcceleration=true vbiosVersion=90.00.00.00.00 "
+                        "uuid=GPU-00000000-0000-0000-0000-000000000001" + std::string(row.record)});
+        EXPECT_EQ(run.lines, row.lines);
+    }
+}
+
+// A driver older than nvmlDeviceGetCurrentClocksEventReasons is asked by the
+// older name, which gives the same bits; without either the reasons are absent.
+TEST(NvmlSource, ClockEventReasonsComeThroughTheOlderNameWhenTheNewerIsMissing)
+{
+    for (const char* module : {"sim_nvml", "sim_nvml_without_nvmlDeviceGetCurrentClocksEventReasons"}) {
+        SCOPED_TRACE(module);
+        const NvmlRun run = runNvml(module, scenario({quadro}), Priority::WARNING);
+        EXPECT_EQ(describe(run.records), Lines{quadroRecord});
+        const bool older = std::string(module) != "sim_nvml";
+        EXPECT_EQ(std::count(run.journal.begin(), run.journal.end(), "nvmlDeviceGetCurrentClocksThrottleReasons"),
+                  older ? 1 : 0);
+        EXPECT_EQ(std::count(run.journal.begin(), run.journal.end(), "nvmlDeviceGetCurrentClocksEventReasons"),
+                  older ? 0 : 1);
+    }
+
+    SimulatedModules modules{"sim_nvml"};
+    SimulatedMachine machine(scenario({quadro}));
+    ASSERT_TRUE(libKestrel::initializeLibrary());
+    libKestrel::ScopeExit release(libKestrel::uninitializeLibrary);
+    libKestrel::NVMLFunctions lacking = libKestrel::nvmlBinding().functions;
+    ASSERT_EQ(lacking.nvmlInit_v2(), libKestrel::nvml::NVML_SUCCESS);
+    libKestrel::ScopeExit shutdown(lacking.nvmlShutdown);
+    libKestrel::nvml::nvmlDevice_t device = nullptr;
+    ASSERT_EQ(lacking.nvmlDeviceGetHandleByIndex(0, &device), libKestrel::nvml::NVML_SUCCESS);
+    lacking.nvmlDeviceGetCurrentClocksEventReasons = nullptr;
+    lacking.nvmlDeviceGetCurrentClocksThrottleReasons = nullptr;
+    LogCapture capture(Priority::WARNING);
+    EXPECT_EQ(describe(libKestrel::queryNVidiaGPU(lacking, device)),
+              Lines{without(quadroRecord, " clockEventReasons=36")});
+    EXPECT_EQ(capture.messages(), (LogLines{{binding, 3, "365 NvmlDeviceGetCurrentClocksEventReasons not available"}}));
 }
 
 TEST(NvmlSource, TextsEndAtTheirNulAndNeverRunPastOurBuffer)

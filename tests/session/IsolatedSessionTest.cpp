@@ -37,13 +37,18 @@ json example(const std::string& name)
         fileText(tova::System::getEnvironmentVariable("KESTREL_SCENARIOS").str() + "/" + name + ".json"));
 }
 
-// The machine warmer and busier: every temperature a vendor reports raised, and
-// the memory NVAPI reports available lowered (on Windows a helper has no NVML).
+// The machine warmer and busier: every temperature a vendor reports raised, the
+// memory NVAPI reports available lowered (on Windows a helper has no NVML), and
+// the power NVML and ADL's PM log report raised, with the energy NVML counts.
 json busier(json machine)
 {
     for (json& gpu : machine["gpus"]) {
-        if (gpu.contains("nvml") && gpu["nvml"].contains("temperature"))
-            gpu["nvml"]["temperature"] = gpu["nvml"]["temperature"].get<int>() + 9;
+        for (const char* reading : {"temperature", "power", "energy"})
+            if (gpu.contains("nvml") && gpu["nvml"].contains(reading))
+                gpu["nvml"][reading] = gpu["nvml"][reading].get<long long>() + 9;
+        if (gpu.contains("adl") && gpu["adl"].contains("overdrive8"))
+            for (json& sensor : gpu["adl"]["overdrive8"]["pmlog"])
+                sensor["value"] = sensor["value"].get<int>() + 9;
         if (gpu.contains("adl") && gpu["adl"].contains("overdrive5"))
             gpu["adl"]["overdrive5"]["temperature"] = gpu["adl"]["overdrive5"].value("temperature", 0) + 9000;
         if (gpu.contains("nvapi") && gpu["nvapi"].contains("memory"))

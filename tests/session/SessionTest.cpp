@@ -8,10 +8,13 @@
 #include <nlohmann/json.hpp>
 
 #include "common/AllocationCounter.h"
+#include "common/Paths.h"
 #include "common/Records.h"
 #include "common/Test.h"
 #include "libKestrel/AMDGPU.h"
 #include "libKestrel/Session.h"
+#include "libKestrel/Sources.h"
+#include "libKestrel/internal/ScopeExit.h"
 #include "state/SimulatorState.h"
 
 namespace {
@@ -24,8 +27,10 @@ const std::vector<GPUQuerier> sources = {libKestrel::queryNVidiaNvmlGPUsMulti, l
                                          libKestrel::queryAMDGPUsMulti};
 
 // An NVIDIA card seen by NVML, NVAPI and CUDA and an AMD card, both at 'load'
-// degrees and percent busy, less the cards named in 'gone'; with 'second',
-// another NVIDIA card.
+// degrees and percent busy, drawing 'load' watts (the NVIDIA card having used
+// 'load' kilojoules, its memory at 'load' degrees, the AMD card's hot spot and
+// memory 10 and 5 degrees hotter), less the cards named in 'gone'; with
+// 'second', another NVIDIA card.
 std::string machine(int load, const std::string& gone = "", bool second = false)
 {
     json gpus = json::array();
@@ -33,12 +38,16 @@ std::string machine(int load, const std::string& gone = "", bool second = false)
         gpus.push_back({{"name", "RTX"}, {"pci", {{"bus", 101}}}, {"cuda", json::object()},
                         {"nvapi", {{"clocks", {{"current", {{"processor", load * 1000}}}}}}},
                         {"nvml", {{"temperature", load}, {"utilization", {{"gpu", load}, {"memory", load}}},
-                                  {"fanSpeed", load}, {"ecc", {{"corrected", {{"volatile", {{"l2Cache", load}}}}}}}}}});
+                                  {"fanSpeed", load}, {"ecc", {{"corrected", {{"volatile", {{"l2Cache", load}}}}}}},
+                                  {"power", load * 1000}, {"energy", load * 1000000}, {"memoryTemperature", load}}}});
+    const json pmLog = {{{"sensor", 23}, {"value", load}}, {{"sensor", 27}, {"value", load + 10}},
+                        {{"sensor", 9}, {"value", load + 5}}};
     if (gone != "amd")
         gpus.push_back({{"name", "Radeon"}, {"pci", {{"bus", 3}}},
                         {"adl", {{"adapters", 2}, {"overdrive5", {{"temperature", load * 1000}}},
                                  {"overdrive6", {{"activity", load}, {"engineClock", load * 1000},
-                                                 {"memoryClock", load * 500}, {"fan", {{"percent", load}, {"rpm", load * 30}}}}}}}});
+                                                 {"memoryClock", load * 500}, {"fan", {{"percent", load}, {"rpm", load * 30}}}}},
+                                 {"overdrive8", {{"pmlog", pmLog}}}}}});
     if (second)
         gpus.push_back({{"name", "Second"}, {"pci", {{"bus", 102}}}, {"nvml", json::object()}});
     return json{{"gpus", gpus}}.dump();
@@ -115,6 +124,13 @@ TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
         ASSERT_EQ(second.size(), 2u) << "a refresh reads the GPUs it knows";
         EXPECT_EQ(second[0]->temperatureCurrent(), 65u);
         EXPECT_EQ(second[1]->utilizationGPU(), 65u);
+        // Power, energy and the further temperatures are read again too.
+        EXPECT_EQ(second[0]->powerDraw(), 65000u);
+        EXPECT_EQ(second[0]->energyConsumed(), 65000000u);
+        EXPECT_EQ(second[0]->temperatureMemory(), 65u);
+        EXPECT_EQ(second[1]->powerDraw(), 65000u);
+        EXPECT_EQ(second[1]->temperatureHotspot(), 75u);
+        EXPECT_EQ(second[1]->temperatureMemory(), 70u);
         EXPECT_EQ(first[0]->temperatureCurrent(), 40u) << "an earlier snapshot is never written again";
 
         std::bitset<4> status;
@@ -126,6 +142,44 @@ TEST_F(Session, RefreshGivesWhatAQueryGivesAndRescanFindsNewGpus)
         EXPECT_EQ(describe(session.gpus()), queried);
     }
 }
+
+#if !defined(_WIN32)
+// Power and energy are the earlier source's, whether merged whole at an
+// enumeration or folded into the enumeration's records at a refresh: NVML's
+// over the kernel's files when NVML comes first, the files' when they do.
+TEST_F(Session, PowerAndEnergyAreTheEarlierSourcesAtEveryRefresh)
+{
+    const std::string sysfs = temporaryPath("session-sysfs");
+    setenv("KESTREL_SYSFS_ROOT", sysfs.c_str(), 1);
+    const libKestrel::ScopeExit unset([] { unsetenv("KESTREL_SYSFS_ROOT"); });
+    // The card at 'watts' to NVML, one watt more to its hwmon files.
+    const auto card = [&sysfs](int watts) {
+        const std::string scenario =
+            json{{"gpus", {{{"pci", {{"bus", 101}}},
+                            {"nvml", {{"power", watts * 1000}, {"energy", watts}}},
+                            {"sysfs", {{"vendor", 4318}, {"device", 7682}, {"driver", "nvidia"},
+                                       {"hwmon", {{"power1_average", (watts + 1) * 1000000},
+                                                  {"energy1_input", (watts + 1) * 1000}}}}}}}}}
+                .dump();
+        EXPECT_EQ(kestrelSimWriteSysfs(scenario.c_str(), sysfs.c_str()), 1);
+        return scenario;
+    };
+    const GPUQuerier nvml = libKestrel::queryNVidiaNvmlGPUsMulti;
+    const GPUQuerier files = libKestrel::querySysfsGPUs;
+    for (const bool nvmlFirst : {true, false}) {
+        SCOPED_TRACE(nvmlFirst ? "NVML first" : "the files first");
+        SimulatedMachine simulated(card(100));
+        libKestrel::Session session(nvmlFirst ? std::vector<GPUQuerier>{nvml, files}
+                                              : std::vector<GPUQuerier>{files, nvml});
+        ASSERT_EQ(session.gpus().size(), 1u);
+        EXPECT_EQ(session.gpus()[0]->powerDraw(), nvmlFirst ? 100000u : 101000u);
+        kestrelSimSetScenario(card(200).c_str());
+        session.refresh();
+        EXPECT_EQ(session.gpus()[0]->powerDraw(), nvmlFirst ? 200000u : 201000u);
+        EXPECT_EQ(session.gpus()[0]->energyConsumed(), nvmlFirst ? 200u : 201u);
+    }
+}
+#endif
 
 // A host's own source that throws when told to, at the next call only.
 std::atomic<bool> hostThrows{false};

@@ -147,7 +147,19 @@ const Files amdgpuFiles = {{"current_link_speed", "16.0 GT/s PCIe\n"},
                            {"hwmon/hwmon3/pwm1", "102\n"},
                            {"hwmon/hwmon3/pwm1_max", "255\n"},
                            {"hwmon/hwmon3/freq1_input", "2250000000\n"},
-                           {"hwmon/hwmon3/freq2_input", "1000000000\n"}};
+                           {"hwmon/hwmon3/freq2_input", "1000000000\n"},
+                           {"current_link_width", "16\n"},
+                           {"max_link_speed", "16.0 GT/s PCIe\n"},
+                           {"max_link_width", "16\n"},
+                           {"hwmon/hwmon3/temp1_label", "edge\n"},
+                           {"hwmon/hwmon3/temp2_input", "71000\n"},
+                           {"hwmon/hwmon3/temp2_label", "junction\n"},
+                           {"hwmon/hwmon3/temp3_input", "62000\n"},
+                           {"hwmon/hwmon3/temp3_label", "mem\n"},
+                           {"hwmon/hwmon3/power1_average", "142500000\n"}, // before power1_input
+                           {"hwmon/hwmon3/power1_input", "150000000\n"},
+                           {"hwmon/hwmon3/power1_cap", "213000000\n"},
+                           {"hwmon/hwmon3/energy1_input", "4318275000000\n"}};
 
 TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
 {
@@ -156,7 +168,8 @@ TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
     tree.device("0000:00:02.0", "0x8086", "0x9a49", "0x030000", "i915"); // no sensors
     tree.device("0000:65:00.0", "0x10de", "0x2204", "0x030000", "nvidia",
                 {{"current_link_speed", "8.0 GT/s PCIe\n"}, {"hwmon/hwmon1/temp1_input", "47500\n"},
-                 {"hwmon/hwmon1/pwm1", "1\n"}, {"hwmon/hwmon1/pwm1_max", "1\n"}}); // a fan only on or off
+                 {"hwmon/hwmon1/pwm1", "1\n"}, {"hwmon/hwmon1/pwm1_max", "1\n"}, // a fan only on or off
+                 {"hwmon/hwmon1/power1_input", "301250999\n"}}); // no average: the power now
     tree.device("0000:04:00.0", "0x8086", "0x15f3", "0x020000", "igc"); // a network controller
     tree.device("10001:07:00.0", "0x1234", "0xabcd", "0x038000");         // unknown to the database, no driver
     LogCapture capture(tova::LoggerPriority::WARNING);
@@ -166,9 +179,12 @@ TEST(Sysfs, EachDisplayControllerGivesARecordWithWhatItsDriverOffers)
                      "hardwareAcceleration=true vbiosVersion=113-D4120100-101 dedicatedMemory=16760832 "
                      "availableDedicatedMemory=15712256 graphicsClock=2250000 memoryClock=1000000 busType=PCI Express "
                      "utilizationGPU=37 utilizationMemory=12 temperatureCurrent=54 temperatureShutdown=100 "
-                     "uuid=3b1f2e4c5d6a7b80 fanSpeedPercent=40 fanSpeedRPM=1650",
+                     "uuid=3b1f2e4c5d6a7b80 fanSpeedPercent=40 fanSpeedRPM=1650 powerDraw=142500 powerLimit=213000 "
+                     "energyConsumed=4318275000 temperatureHotspot=71 temperatureMemory=62 pcieLinkGeneration=4 "
+                     "pcieLinkWidth=16 pcieLinkGenerationMax=4 pcieLinkWidthMax=16",
                      "0000:65:00.0 name=NVIDIA Corporation GA102 [GeForce RTX 3090] hardwareAcceleration=true "
-                     "busType=PCI Express temperatureCurrent=47 fanSpeedPercent=100",
+                     "busType=PCI Express temperatureCurrent=47 fanSpeedPercent=100 powerDraw=301250 "
+                     "pcieLinkGeneration=3",
                      "10001:07:00.0 name=PCI device 1234:abcd hardwareAcceleration=false"}));
     EXPECT_TRUE(capture.lines().empty()) << "missing files are what a driver does not offer";
 }
@@ -181,8 +197,20 @@ TEST(Sysfs, ASessionReadsTheSensorFilesAgainAtEachRefresh)
     libKestrel::Session session({libKestrel::querySysfsGPUs});
     SysfsTree::write(device / "hwmon/hwmon3/temp1_input", "61000\n");
     SysfsTree::write(device / "gpu_busy_percent", "80\n");
+    SysfsTree::write(device / "hwmon/hwmon3/power1_average", "201000000\n");
+    SysfsTree::write(device / "hwmon/hwmon3/energy1_input", "4318900000000\n");
+    SysfsTree::write(device / "hwmon/hwmon3/temp2_input", "88000\n");
+    SysfsTree::write(device / "hwmon/hwmon3/temp3_input", "79000\n");
+    SysfsTree::write(device / "current_link_speed", "2.5 GT/s PCIe\n");
     session.refresh();
-    EXPECT_EQ(describe(session.gpus()), describe(querySysfs())) << "61 degrees, 80 % busy";
+    const auto refreshed = session.gpus();
+    EXPECT_EQ(describe(refreshed), describe(querySysfs())) << "61 degrees, 80 % busy";
+    ASSERT_EQ(refreshed.size(), 1u);
+    EXPECT_EQ(refreshed[0]->powerDraw(), 201000u);
+    EXPECT_EQ(refreshed[0]->energyConsumed(), 4318900000u);
+    EXPECT_EQ(refreshed[0]->temperatureHotspot(), 88u);
+    EXPECT_EQ(refreshed[0]->temperatureMemory(), 79u);
+    EXPECT_EQ(refreshed[0]->pcieLinkGeneration(), 1u);
     EXPECT_TRUE(session.sources().at(0).up);
 }
 
@@ -220,6 +248,18 @@ TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
         {"unique_id", Fifo, "", "uuid", "46 Not a regular file: {}"},
         {"mem_info_vram_total", Folder, "", "dedicatedMemory availableDedicatedMemory", "45 Cannot read {}"},
         {"hwmon/hwmon0", Text, "1\n", "", nullptr}, // first by name, but no folder: hwmon3 is read
+        {"hwmon/hwmon3/temp2_input", Text, "201000\n", "temperatureHotspot",
+         "70 Reading beyond any GPU left out in {}: 201000"},
+        {"hwmon/hwmon3/temp2_label", Fifo, "", "temperatureHotspot", "46 Not a regular file: {}"},
+        {"hwmon/hwmon3/temp3_label", Text, "memory\n", "temperatureMemory", nullptr}, // not amdgpu's label
+        {"hwmon/hwmon3/power1_cap", Text, "10000001000\n", "powerLimit",
+         "70 Reading beyond any GPU left out in {}: 10000001000"},
+        {"hwmon/hwmon3/energy1_input", Text, "-5\n", "energyConsumed", "66 Not a number in {}: -5"},
+        {"current_link_speed", Text, "12.0 GT/s PCIe\n", "pcieLinkGeneration",
+         "72 Not a PCIe link speed in {}: 12.0 GT/s PCIe"},
+        {"current_link_speed", Text, "Unknown\n", "pcieLinkGeneration", nullptr}, // no link: said as a trace
+        {"max_link_width", Text, "33\n", "pcieLinkWidthMax", "70 Reading beyond any GPU left out in {}: 33"},
+        {"current_link_width", Text, "0\n", "pcieLinkWidth", "70 Reading beyond any GPU left out in {}: 0"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.file) + " " + (row.line ? row.line : "read"));
@@ -232,6 +272,28 @@ TEST(Sysfs, ABadFileCostsItsPropertyAndSaysWhy)
         EXPECT_EQ(describe(querySysfsWithin(tree.root())), Lines{without(whole.front(), row.lost)});
         EXPECT_EQ(openDescriptors(), descriptors);
         EXPECT_EQ(capture.of(sysfs), row.line ? Lines{"3|" + withPath(row.line, file)} : Lines{});
+    }
+}
+
+// Every link speed a kernel writes, in its newer form and its older one, is a
+// PCIe generation.
+TEST(Sysfs, LinkSpeedsReadAsPcieGenerations)
+{
+    const struct {
+        const char* speed;
+        const char* generation; // the record's, or "" for none
+    } rows[] = {{"2.5 GT/s PCIe", "1"}, {"2.5 GT/s", "1"},   {"5.0 GT/s PCIe", "2"}, {"5 GT/s", "2"},
+                {"8.0 GT/s PCIe", "3"}, {"8 GT/s", "3"},     {"16.0 GT/s PCIe", "4"}, {"32.0 GT/s PCIe", "5"},
+                {"64.0 GT/s PCIe", "6"}, {"128.0 GT/s PCIe", "7"}, {"Unknown speed", ""}, {"2.5GT/s", ""}};
+    SysfsTree tree;
+    const fs::path device = tree.device("0000:03:00.0", "0x1002", "0x73bf", "0x030000", "amdgpu");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.speed);
+        SysfsTree::write(device / "max_link_speed", std::string(row.speed) + "\n");
+        const Records records = querySysfs();
+        ASSERT_EQ(records.size(), 1u);
+        EXPECT_EQ(records[0]->pcieLinkGenerationMax(),
+                  *row.generation ? std::optional<std::uint32_t>(std::stoul(row.generation)) : std::nullopt);
     }
 }
 

@@ -53,8 +53,12 @@ bool hasLine(const std::string& text, const std::string& line)
     return false;
 }
 
-#if !defined(_WIN32)
+// The AMD card's hot spot: ADL's, or on Linux the hotter one of its hwmon files.
+#if defined(_WIN32)
+const char* const hotspot = "67";
+#else
 const char* const amdKernelName = "Advanced Micro Devices, Inc. [AMD/ATI] Navi 21 GL-XL [Radeon PRO W6800]";
+const char* const hotspot = "68";
 #endif
 
 // Two NVIDIA cards in SLI seen by NVML, NVAPI and CUDA, and one AMD card with
@@ -69,7 +73,7 @@ TEST(KestrelTool, JsonHoldsEveryPropertyOfTheWorkstationsMergedGPUs)
     const json& gpus = document["gpus"];
     ASSERT_EQ(gpus.size(), 3u);
     for (const auto& gpu : gpus)
-        EXPECT_EQ(gpu.size(), 34u) << "the location and 33 properties, null when unknown";
+        EXPECT_EQ(gpu.size(), 45u) << "the location and 44 properties, null when unknown";
 
     // Each GPU's properties in the record's own units, null where no source knows them: the
     // NVIDIA cards merged from NVML, NVAPI and CUDA (the second card's NVML reports no ECC
@@ -79,14 +83,23 @@ TEST(KestrelTool, JsonHoldsEveryPropertyOfTheWorkstationsMergedGPUs)
          "coreCount": 4352, "graphicsClock": 1545000, "shaderClock": 1350000, "memoryWidth": 352,
          "busType": "PCI Express", "sli": true, "versionMajor": 7, "versionMinor": 5, "temperatureCurrent": 47,
          "uuid": "GPU-6d5e3c2a-8f41-4b7e-a1c9-2f6b0d9e4a11", "eccErrorsCorrectedVolatile": 0, "crossfire": null,
-         "nativeMonitorHandle": null},
-        {"pciLocation": "0000:66:00.0", "sli": true, "eccErrorsCorrectedVolatile": null},
+         "nativeMonitorHandle": null, "powerDraw": 215300, "powerLimit": 250000, "energyConsumed": 4318275000,
+         "temperatureHotspot": null, "pcieLinkGeneration": 3, "pcieLinkWidthMax": 16, "performanceState": 2,
+         "clockEventReasons": 4},
+        {"pciLocation": "0000:66:00.0", "sli": true, "eccErrorsCorrectedVolatile": null, "pcieLinkGeneration": 1,
+         "clockEventReasons": 1},
         {"pciLocation": "0000:0a:00.0", "name": "AMD Radeon Pro W6800", "temperatureShutdown": null,
          "temperatureCurrent": 52, "dedicatedMemory": 33554432, "graphicsClock": 2155000, "fanSpeedRPM": 980,
-         "coreCount": null}])");
+         "coreCount": null, "powerDraw": 141000, "powerLimit": null, "energyConsumed": null,
+         "temperatureHotspot": 67, "temperatureMemory": 60, "pcieLinkGeneration": null, "performanceState": null,
+         "clockEventReasons": null}])");
 #if !defined(_WIN32)
     expected[2]["name"] = amdKernelName; // the kernel's name (the PCI ID database's) is the longer
     expected[2]["temperatureShutdown"] = 100; // from the card's hwmon files
+    // ADL's power (the vendor library's) over the files' 142 W; the hotter hot spot; the files' limit and link.
+    expected[2]["temperatureHotspot"] = 68;
+    expected[2]["powerLimit"] = 213000;
+    expected[2]["pcieLinkGeneration"] = 4;
 #endif
     for (size_t gpu = 0; gpu < expected.size(); ++gpu)
         for (const auto& [property, value] : expected[gpu].items())
@@ -100,7 +113,10 @@ TEST(KestrelTool, TextReportShowsWhatIsKnownWithUnits)
     for (const char* line : {"0000:65:00.0  NVIDIA GeForce RTX 2080 Ti", "  Graphics clock: 1545 MHz",
                              "  Dedicated memory: 11 GiB", "  Temperature: 47 °C", "  GPU utilization: 12%",
                              "  CUDA compute capability: 7.5", "  SLI: yes",
-                             "  Fan speed: 980 RPM", "  Memory bandwidth: 512000 MB/s"})
+                             "  Fan speed: 980 RPM", "  Memory bandwidth: 512000 MB/s", "  Power: 215.3 W",
+                             "  Power limit: 250 W", "  Energy (since driver load): 4318.3 kJ",
+                             "  Link: PCIe 1.0 x16 (of 3.0 x16)", "  Performance state: P8",
+                             "  Clock event reasons: software power cap", "  Memory temperature: 60 °C"})
         EXPECT_TRUE(hasLine(run.out, line)) << line << "\n" << run.out;
 #if !defined(_WIN32)
     // What the kernel's sysfs files add to ADL's view of the AMD card.
@@ -156,10 +172,23 @@ TEST(KestrelTool, PrometheusExpositionOfTheWorkstation)
              "kestrel_gpu_fan_speed_ratio{" + nvidia + "} 0.35",
              "kestrel_gpu_ecc_errors_total{" + nvidia + ",type=\"corrected\",scope=\"volatile\"} 0",
              std::string("# TYPE kestrel_gpu_ecc_errors_total counter"),
-             std::string("kestrel_source_up{source=\"nvml\"} 1")})
+             std::string("kestrel_source_up{source=\"nvml\"} 1"),
+             "kestrel_gpu_power_watts{" + nvidia + "} 215.3",
+             "kestrel_gpu_power_limit_watts{" + nvidia + "} 250",
+             "kestrel_gpu_energy_joules_total{" + nvidia + "} 4318275",
+             std::string("# TYPE kestrel_gpu_energy_joules_total counter"),
+             "kestrel_gpu_pcie_link_generation{" + nvidia + ",link=\"current\"} 3",
+             "kestrel_gpu_pcie_link_lanes{" + nvidia + ",link=\"maximum\"} 16",
+             "kestrel_gpu_performance_state{" + nvidia + "} 2",
+             "kestrel_gpu_clock_event_reason{" + nvidia + ",reason=\"sw_power_cap\"} 1",
+             "kestrel_gpu_clock_event_reason{" + nvidia + ",reason=\"gpu_idle\"} 0"})
         EXPECT_TRUE(hasLine(run.out, line)) << line << "\n" << run.out;
-    // ADL reports no slowdown temperature for the AMD card: no sample, not a 0.
+    // ADL reports no slowdown temperature for the AMD card: no sample, not a 0; nor
+    // clock event reasons, of which it has no series at all.
     EXPECT_EQ(run.out.find("kestrel_gpu_temperature_slowdown_celsius{pci=\"0000:0a:00.0\""), std::string::npos);
+    EXPECT_EQ(run.out.find("kestrel_gpu_clock_event_reason{pci=\"0000:0a:00.0\""), std::string::npos);
+    EXPECT_TRUE(hasLine(run.out, "kestrel_gpu_temperature_hotspot_celsius{pci=\"0000:0a:00.0\",uuid=\"PCI_VEN_1002&"
+                                 "DEV_73A3&SUBSYS_0E1E1002&REV_00\"} " + std::string(hotspot)));
 
 #if !defined(_WIN32)
     // Every example machine's exposition passes Prometheus's own check.

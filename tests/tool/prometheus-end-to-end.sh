@@ -2,8 +2,8 @@
 # A real Prometheus server scrapes `kestrel serve` on a simulated workstation every
 # second, on loopback, with its storage in a temporary folder that goes with
 # everything else when the test ends, however it ends. The test asks Prometheus
-# for the GPUs' temperatures, changes one in the scenario, and waits for
-# Prometheus to show the new value. Then NVIDIA's management library hangs and
+# for the GPUs' temperatures and a card's power draw, changes both in the
+# scenario, and waits for Prometheus to show the new values. Then NVIDIA's management library hangs and
 # the Radeon warms up: the scrapes go on (the target stays up), the NVML source
 # is down, and the Radeon's new temperature comes through.
 # Usage: prometheus-end-to-end.sh KESTREL SCENARIO
@@ -60,9 +60,12 @@ grep -qF 'pci="0000:66:00.0"' "$work/answer" && grep -qF 'pci="0000:0a:00.0"' "$
     cat "$work/answer" >&2
     exit 1
 }
-sed 's/"temperature": 47,/"temperature": 61,/' "$work/machine.json" >"$work/changed.json"
+wait_for_query 'kestrel_gpu_power_watts{pci="0000:65:00.0"}' '=> 215.3' 1 || exit 1
+sed -e 's/"temperature": 47,/"temperature": 61,/' -e 's/"power": 215300,/"power": 287500,/' "$work/machine.json" \
+    >"$work/changed.json"
 mv "$work/changed.json" "$work/machine.json"
 wait_for 'pci="0000:65:00.0", uuid="GPU-6d5e3c2a-8f41-4b7e-a1c9-2f6b0d9e4a11"} => 61' 3 || exit 1
+wait_for_query 'kestrel_gpu_power_watts{pci="0000:65:00.0"}' '=> 287.5' 1 || exit 1
 
 sed -e '1s/^{/{"faults": {"nvmlDeviceGetTemperature": {"hang": true}},/' \
     -e 's/"temperature": 52000/"temperature": 71000/' -e 's/"temp1_input": 52000/"temp1_input": 71000/' \
@@ -72,4 +75,4 @@ wait_for_query 'kestrel_source_up{source="nvml"}' '=> 0' 1 || exit 1
 wait_for_query 'kestrel_gpu_temperature_celsius{pci="0000:0a:00.0"}' '=> 71' 1 || exit 1
 # Every scrape since was answered: the target never went down.
 wait_for_query 'min_over_time(up{job="kestrel"}[1h])' '=> 1' 1 || exit 1
-echo "Prometheus saw every GPU's temperature, the change, and the Radeon's while NVML hung"
+echo "Prometheus saw every GPU's temperature, the changed temperature and power, and the Radeon's while NVML hung"

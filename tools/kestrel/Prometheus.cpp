@@ -6,6 +6,8 @@
 #include <sstream>
 #include <vector>
 
+#include <libKestrel/ClockEventReasons.h>
+
 #include "Utf8.h"
 
 namespace kestrel {
@@ -165,6 +167,37 @@ std::string prometheusExposition(const libKestrel::Session::Snapshot& snapshot)
             {{{"type", "uncorrected"}, {"scope", "volatile"}}, scaledBy(&G::eccErrorsUncorrectedVolatile, 1)},
             {{{"type", "corrected"}, {"scope", "aggregate"}}, scaledBy(&G::eccErrorsCorrectedAggregate, 1)},
             {{{"type", "uncorrected"}, {"scope", "aggregate"}}, scaledBy(&G::eccErrorsUncorrectedAggregate, 1)}});
+
+    perGpu(out, gpus, "kestrel_gpu_power_watts", "gauge", "The power the GPU's board draws.",
+           {{{}, scaledBy(&G::powerDraw, 0.001)}});
+    perGpu(out, gpus, "kestrel_gpu_power_limit_watts", "gauge", "The power limit the GPU's driver enforces.",
+           {{{}, scaledBy(&G::powerLimit, 0.001)}});
+    perGpu(out, gpus, "kestrel_gpu_energy_joules_total", "counter",
+           "The energy the GPU has used since its driver was loaded.", {{{}, scaledBy(&G::energyConsumed, 0.001)}});
+    perGpu(out, gpus, "kestrel_gpu_temperature_hotspot_celsius", "gauge",
+           "The temperature of the hottest point of the GPU's die.", {{{}, scaledBy(&G::temperatureHotspot, 1)}});
+    perGpu(out, gpus, "kestrel_gpu_temperature_memory_celsius", "gauge", "The temperature of the GPU's memory.",
+           {{{}, scaledBy(&G::temperatureMemory, 1)}});
+    perGpu(out, gpus, "kestrel_gpu_pcie_link_generation", "gauge",
+           "The PCIe generation of the GPU's link, as it runs (current) and at most (maximum).",
+           {{{{"link", "current"}}, scaledBy(&G::pcieLinkGeneration, 1)},
+            {{{"link", "maximum"}}, scaledBy(&G::pcieLinkGenerationMax, 1)}});
+    perGpu(out, gpus, "kestrel_gpu_pcie_link_lanes", "gauge",
+           "The lanes of the GPU's PCIe link, as it runs (current) and at most (maximum).",
+           {{{{"link", "current"}}, scaledBy(&G::pcieLinkWidth, 1)},
+            {{{"link", "maximum"}}, scaledBy(&G::pcieLinkWidthMax, 1)}});
+    perGpu(out, gpus, "kestrel_gpu_performance_state", "gauge",
+           "The GPU's performance state, from 0 (P0, the fastest) to 15.", {{{}, scaledBy(&G::performanceState, 1)}});
+    std::vector<std::pair<Labels, Reading>> reasons;
+    for (const libKestrel::ClockEventReason& reason : libKestrel::clockEventReasons)
+        reasons.emplace_back(Labels{{"reason", reason.name}},
+                             [bit = reason.bit](const libKestrel::IGPU& gpu) -> std::optional<double> {
+                                 if (const auto held = gpu.clockEventReasons())
+                                     return (*held & bit) ? 1 : 0;
+                                 return std::nullopt;
+                             });
+    perGpu(out, gpus, "kestrel_gpu_clock_event_reason", "gauge",
+           "Whether the reason holds the GPU's clocks back (1) or not (0).", reasons);
 
     std::vector<std::pair<Labels, double>> up;
     std::vector<std::pair<Labels, double>> restarts;

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <type_traits>
 
+#include <libKestrel/ClockEventReasons.h>
 #include <nlohmann/json.hpp>
 
 #include "Utf8.h"
@@ -54,6 +55,14 @@ const Label labels[] = {
     {"computeCapability", "CUDA compute capability"},
     {"crossfire", "CrossFire"},
     {"nativeMonitorHandle", "Monitor handle"},
+    {"powerDraw", "Power"},
+    {"powerLimit", "Power limit"},
+    {"energyConsumed", "Energy (since driver load)"},
+    {"temperatureHotspot", "Hot spot temperature"},
+    {"temperatureMemory", "Memory temperature"},
+    {"pcieLink", "Link"},
+    {"performanceState", "Performance state"},
+    {"clockEventReasons", "Clock event reasons"},
 };
 
 std::string labelOf(const std::string& getter)
@@ -102,8 +111,8 @@ std::string decimal(double value, const char* unit)
     return shown + " " + unit;
 }
 
-// The value as a reader takes it in: sizes in MiB or GiB, clocks in MHz, the rest
-// in the record's own unit ("54 °C", "30%", "8704").
+// The value as a reader takes it in: sizes in MiB or GiB, clocks in MHz, power
+// in W, energy in kJ, the rest in the record's own unit ("54 °C", "30%", "8704").
 template <class T>
 std::string withUnit(const T& value, const std::string& unit)
 {
@@ -113,11 +122,76 @@ std::string withUnit(const T& value, const std::string& unit)
             return number >= 1024.0 * 1024.0 ? decimal(number / (1024.0 * 1024.0), "GiB") : decimal(number / 1024.0, "MiB");
         if (unit == "kHz")
             return decimal(number / 1000.0, "MHz");
+        if (unit == "mW")
+            return decimal(number / 1000.0, "W");
+        if (unit == "mJ")
+            return decimal(number / 1e6, "kJ");
     }
     const std::string text = textOf(value);
     if (unit.empty())
         return text;
     return text + (unit == "%" ? "" : " ") + unit;
+}
+
+// "PCIe 4.0 x16 (of 4.0 x16)": the link as it runs, and at most; a part the
+// record lacks is left out.
+std::string linkOf(const libKestrel::IGPU& gpu)
+{
+    const auto part = [](const std::optional<std::uint32_t>& generation, const std::optional<std::uint32_t>& width) {
+        std::string text = generation ? std::to_string(*generation) + ".0" : "";
+        if (width)
+            text += (text.empty() ? "x" : " x") + std::to_string(*width);
+        return text;
+    };
+    const std::string now = part(gpu.pcieLinkGeneration(), gpu.pcieLinkWidth());
+    const std::string most = part(gpu.pcieLinkGenerationMax(), gpu.pcieLinkWidthMax());
+    std::string text = "PCIe";
+    if (!now.empty())
+        text += " " + now;
+    if (!most.empty())
+        text += " (of " + most + ")";
+    return text;
+}
+
+// The reasons' names, "none" for none; bits the table does not name in hex.
+std::string reasonsOf(std::uint64_t reasons)
+{
+    std::string text;
+    for (const libKestrel::ClockEventReason& reason : libKestrel::clockEventReasons)
+        if (reasons & reason.bit) {
+            text += (text.empty() ? "" : ", ") + std::string(reason.text);
+            reasons &= ~reason.bit;
+        }
+    if (reasons) {
+        char other[32];
+        std::snprintf(other, sizeof other, "0x%llx", static_cast<unsigned long long>(reasons));
+        text += (text.empty() ? "other " : ", other ") + std::string(other);
+    }
+    return text.empty() ? "none" : text;
+}
+
+// The lines of the properties added since 0.1, the link's four on one line.
+void laterLines(std::ostringstream& out, const libKestrel::IGPU& gpu)
+{
+    const auto line = [&out](const char* getter, const std::string& text) {
+        out << "  " << labelOf(getter) << ": " << text << "\n";
+    };
+    if (const auto value = gpu.powerDraw())
+        line("powerDraw", withUnit(*value, "mW"));
+    if (const auto value = gpu.powerLimit())
+        line("powerLimit", withUnit(*value, "mW"));
+    if (const auto value = gpu.energyConsumed())
+        line("energyConsumed", withUnit(*value, "mJ"));
+    if (const auto value = gpu.temperatureHotspot())
+        line("temperatureHotspot", withUnit(*value, "°C"));
+    if (const auto value = gpu.temperatureMemory())
+        line("temperatureMemory", withUnit(*value, "°C"));
+    if (gpu.pcieLinkGeneration() || gpu.pcieLinkWidth() || gpu.pcieLinkGenerationMax() || gpu.pcieLinkWidthMax())
+        line("pcieLink", linkOf(gpu));
+    if (const auto value = gpu.performanceState())
+        line("performanceState", "P" + std::to_string(*value));
+    if (const auto value = gpu.clockEventReasons())
+        line("clockEventReasons", reasonsOf(*value));
 }
 
 std::string locationOf(const libKestrel::IGPU& gpu)
@@ -151,6 +225,7 @@ std::string textReport(const Records& gpus, const std::bitset<4>& status)
         if (bothVersions)
             out << "  " << labelOf("computeCapability") << ": " << *gpu->versionMajor() << "." << *gpu->versionMinor()
                 << "\n";
+        laterLines(out, *gpu);
         out << "\n";
     }
     if (status.test(0))
@@ -167,6 +242,7 @@ std::string jsonReport(const Records& gpus, const std::bitset<4>& status, bool o
         record["pciLocation"] = location ? Json(location->toString(true).str()) : Json(nullptr);
 #define KESTREL_JSON_FIELD(type, getter, setter, unit) record[#getter] = jsonOf(gpu->getter());
         LIBKESTREL_GPU_PROPERTIES(KESTREL_JSON_FIELD)
+        LIBKESTREL_GPU_PROPERTIES_0_2(KESTREL_JSON_FIELD)
 #undef KESTREL_JSON_FIELD
         list.push_back(record);
     }

@@ -20,12 +20,14 @@ public:
     std::optional<type> getter() const override { return getter##_; }                \
     void setter(const std::optional<type>& value) { getter##_ = value; }
     LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_GPU_ACCESSORS)
+    LIBKESTREL_GPU_PROPERTIES_0_2(LIBKESTREL_GPU_ACCESSORS)
 #undef LIBKESTREL_GPU_ACCESSORS
 
 private:
     std::optional<pci::PciLocation> pciLocation_;
 #define LIBKESTREL_GPU_MEMBER(type, getter, setter, unit) std::optional<type> getter##_;
     LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_GPU_MEMBER)
+    LIBKESTREL_GPU_PROPERTIES_0_2(LIBKESTREL_GPU_MEMBER)
 #undef LIBKESTREL_GPU_MEMBER
 };
 

@@ -32,6 +32,13 @@ public:
 #define LIBKESTREL_IGPU_GETTER(type, getter, setter, unit) virtual std::optional<type> getter() const = 0;
     LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_IGPU_GETTER)
 #undef LIBKESTREL_IGPU_GETTER
+
+    // Properties added since 0.1: absent unless the record overrides them, so an
+    // IGPU written for 0.1 still compiles. They come after 0.1's in the table of
+    // virtual operations.
+#define LIBKESTREL_IGPU_LATER_GETTER(type, getter, setter, unit) virtual std::optional<type> getter() const;
+    LIBKESTREL_GPU_PROPERTIES_0_2(LIBKESTREL_IGPU_LATER_GETTER)
+#undef LIBKESTREL_IGPU_LATER_GETTER
 };
 
 } // namespace libKestrel

@@ -17,8 +17,9 @@ namespace libKestrel {
 // session is made and at each rescan; the vendors stay open in between (NVML
 // initialised, an NVAPI reference, an ADL2 context; CUDA's driver and libpci
 // stay loaded for the process anyway). A refresh reads only what changes
-// (temperatures, utilisation, fan speeds, clocks, available memory, ECC counts)
-// through the handles the enumeration gave: NVML's device handles, NVAPI's GPU
+// (temperatures, utilisation, fan speeds, clocks, available memory, ECC counts,
+// power, energy, the PCIe link as it runs, the performance state, clock event
+// reasons) through the handles the enumeration gave: NVML's device handles, NVAPI's GPU
 // handles, one ADL adapter index per GPU, the sysfs sensor files. CUDA's
 // properties do not change and are not read again; a host's own source runs
 // again at each refresh. A GPU that stops answering is logged once and loses

@@ -17,8 +17,10 @@ namespace libKestrel {
 // once, beside queries and sessions of the same vendor.
 
 // NVIDIA GPUs through NVML: name, UUID, VBIOS version, utilisation, ECC error
-// counts, temperatures and fan speed. Sets status bit 0 when NVML refuses a GPU
-// for insufficient power.
+// counts, temperatures (the memory's too) and fan speed, power draw and the
+// enforced power limit, energy since the driver loaded, the PCIe link now and at
+// most, the performance state and the clock event reasons. Sets status bit 0
+// when NVML refuses a GPU for insufficient power.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaNvmlGPUsMulti(std::bitset<4>& status);
 
 // NVIDIA GPUs through NVAPI: name, driver and VBIOS versions, core count,
@@ -35,16 +37,20 @@ LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryNVidiaCudaGPUsMulti(std::
 // AMD GPUs through ADL, in two passes: one full record per ADL adapter (a GPU
 // has one adapter per output, all at its PCI location, so the merge folds them),
 // then one record holding only the PCI location per adapter that ADL reports as
-// present. The status set is left as it is.
+// present. The first pass also reads, on an ADL2 context of its own, the power
+// draw and the hot-spot and memory temperatures of the Overdrive 8 PM log (the
+// power else from Overdrive 6). The status set is left as it is.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> queryAMDGPUsMulti(std::bitset<4>& status);
 
 #if !defined(_WIN32)
 // Every display controller (PCI class 0x03) the Linux kernel lists, enumerated
 // through libpci (loaded at run time) under the directory that KESTREL_SYSFS_ROOT
 // names (default /sys): its name from the PCI ID database, bus type, whether a
-// driver is bound, amdgpu's memory, utilisation, VBIOS and unique id, and the
-// hwmon temperatures, fan and clocks most drivers register. The domain is left
-// out, as the NVIDIA sources leave it out. 'status' is left alone.
+// driver is bound, amdgpu's memory, utilisation, VBIOS and unique id, the PCIe
+// link now and at most, and the hwmon temperatures (the hot spot and the
+// memory's by their labels), fan, clocks, power, power cap and energy most
+// drivers register. The domain is left out, as the NVIDIA sources leave it out.
+// 'status' is left alone.
 LIBKESTREL_API std::vector<std::shared_ptr<IGPU>> querySysfsGPUs(std::bitset<4>& status);
 #endif
 

@@ -4,6 +4,7 @@
 // device classes.
 #include "libKestrel/ADLWrapper.h"
 #include "libKestrel/AMDGPU.h"
+#include "libKestrel/ClockEventReasons.h"
 #include "libKestrel/Export.h"
 #include "libKestrel/GPU.h"
 #include "libKestrel/GPUProperties.h"

@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "libKestrel/GPU.h"
+#include "libKestrel/internal/Properties.h"
 
 namespace libKestrel::probe {
 namespace {
@@ -88,7 +89,7 @@ bool setProperty(GPU& gpu, const std::string& name, const std::string& value)
             return parsed.has_value();                                                                         \
         }                                                                                                      \
     }
-    LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_PROBE_SET)
+    LIBKESTREL_ALL_GPU_PROPERTIES(LIBKESTREL_PROBE_SET)
 #undef LIBKESTREL_PROBE_SET
     return false;
 }
@@ -142,7 +143,7 @@ void writeProperties(std::ostringstream& out, const IGPU& gpu)
         if (const auto value = gpu.getter())                                                                   \
             out << #getter << ' ' << written(*value) << '\n';                                                  \
     }
-    LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_PROBE_WRITE)
+    LIBKESTREL_ALL_GPU_PROPERTIES(LIBKESTREL_PROBE_WRITE)
 #undef LIBKESTREL_PROBE_WRITE
 }
 

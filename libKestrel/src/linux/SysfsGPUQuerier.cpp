@@ -1,7 +1,6 @@
 // GPUs on Linux as the kernel publishes them: every display controller libpci
 // finds under sysfs, with what its driver's files say (amdgpu's own files, and the
 // hwmon sensors most drivers register).
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -14,8 +13,9 @@
 #include "libKestrel/Sources.h"
 #include "libKestrel/internal/Location.h"
 #include "libKestrel/internal/Logging.h"
-#include "libKestrel/internal/linux/SysfsFile.h"
+#include "libKestrel/internal/Plausible.h"
 #include "libKestrel/internal/linux/SysfsGPUQuerier.h"
+#include "libKestrel/internal/linux/SysfsValues.h"
 #include "libKestrel/internal/linux/pciwrapper.h"
 #include "tova/System.h"
 
@@ -24,62 +24,12 @@ namespace {
 
 using logging::log;
 using logging::Priority;
+using sysfs::readNumber;
+using sysfs::readText;
+using sysfs::readWithin;
 namespace fs = std::filesystem;
 
 logging::LogSite site("libKestrel.Sysfs", "libKestrel/src/linux/SysfsGPUQuerier.cpp");
-
-// Every value the kernel writes in these files is a short line.
-constexpr std::size_t mostBytes = 256;
-
-// The text of one sysfs file, without its line end. Nothing when the file is
-// not there (a driver that does not offer it: logged as a trace), is no regular
-// file, cannot be read, is longer than any value the kernel writes, or is empty
-// (logged as warnings).
-std::optional<std::string> readText(const fs::path& file)
-{
-    std::string text;
-    switch (sysfs::readAttribute(file.native(), mostBytes, text)) {
-    case sysfs::Attribute::Regular:
-        break;
-    case sysfs::Attribute::Missing:
-        log(site, Priority::TRACE, "38 ", "Not offered: ", logging::deferred([&file] { return file.u8string(); }));
-        return std::nullopt;
-    case sysfs::Attribute::Folder:
-    case sysfs::Attribute::Unreadable:
-        log(site, Priority::WARNING, "45 ", "Cannot read ", file.u8string());
-        return std::nullopt;
-    case sysfs::Attribute::Special:
-        log(site, Priority::WARNING, "46 ", "Not a regular file: ", file.u8string());
-        return std::nullopt;
-    case sysfs::Attribute::TooLong:
-        log(site, Priority::WARNING, "47 ", "Longer than ", mostBytes, " bytes: ", file.u8string());
-        return std::nullopt;
-    }
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
-        text.pop_back();
-    if (text.empty()) {
-        log(site, Priority::WARNING, "52 ", "Empty file: ", file.u8string());
-        return std::nullopt;
-    }
-    return text;
-}
-
-// A file holding one non-negative decimal number.
-std::optional<std::uint64_t> readNumber(const fs::path& file)
-{
-    const auto text = readText(file);
-    if (!text)
-        return std::nullopt;
-    // Decimal digits only, within 64 bits: no sign, no spaces, no other base.
-    std::uint64_t value = 0;
-    const char* end = text->data() + text->size();
-    const auto [stop, error] = std::from_chars(text->data(), end, value);
-    if (error != std::errc() || stop != end || text->front() == '-' || text->front() == '+') {
-        log(site, Priority::WARNING, "66 ", "Not a number in ", file.u8string(), ": ", *text);
-        return std::nullopt;
-    }
-    return value;
-}
 
 template <class T>
 std::optional<T> scaled(const std::optional<std::uint64_t>& value, std::uint64_t per)
@@ -125,25 +75,92 @@ void readAmdgpuReadings(GPU& gpu, const fs::path& device, const std::optional<st
     gpu.setUtilizationMemory(scaled<std::uint32_t>(readNumber(device / "mem_busy_percent"), 1));
 }
 
-// Where a device's readings are: its folder, whether amdgpu drives it, and its
-// first hwmon folder if its driver registered one.
+// The hwmon temperature inputs that amdgpu labels as the hot spot ("junction")
+// and the memory ("mem"); the first by name of each.
+struct LabelledTemperatures {
+    std::optional<fs::path> hotspot;
+    std::optional<fs::path> memory;
+};
+
+LabelledTemperatures labelledTemperatures(const fs::path& hwmon)
+{
+    LabelledTemperatures found;
+    const std::string suffix = "_label";
+    std::error_code error;
+    for (fs::directory_iterator entry(hwmon, error), end; !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename().u8string();
+        if (name.rfind("temp", 0) != 0 || name.size() <= suffix.size() + 4 ||
+            name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
+            continue;
+        const auto label = readText(entry->path());
+        std::optional<fs::path>* slot = !label ? nullptr
+                                        : *label == "junction" ? &found.hotspot
+                                        : *label == "mem"      ? &found.memory
+                                                               : nullptr;
+        const fs::path input = hwmon / (name.substr(0, name.size() - suffix.size()) + "_input");
+        if (slot && (!*slot || input < **slot))
+            *slot = input;
+    }
+    return found;
+}
+
+// The hwmon sensors of power and heat that change: the power (microwatts, the
+// average where the driver keeps one), the energy counter (microjoules) and the
+// labelled temperatures (millidegrees Celsius).
+void readPowerAndHeat(GPU& gpu, const fs::path& hwmon, const LabelledTemperatures& labelled)
+{
+    auto power = readWithin(hwmon / "power1_average", 1000, 0, plausible::mostMilliwatts);
+    if (!power)
+        power = readWithin(hwmon / "power1_input", 1000, 0, plausible::mostMilliwatts);
+    gpu.setPowerDraw(scaled<std::uint32_t>(power, 1));
+    gpu.setEnergyConsumed(readWithin(hwmon / "energy1_input", 1000, 0, plausible::mostMillijoules));
+    const auto degrees = [](const std::optional<fs::path>& input) {
+        return input ? readWithin(*input, 1000, 0, plausible::mostDegreesCelsius) : std::nullopt;
+    };
+    gpu.setTemperatureHotspot(degrees(labelled.hotspot));
+    gpu.setTemperatureMemory(degrees(labelled.memory));
+}
+
+// The device's PCIe link, as it runs ("current_...") or at most ("max_...").
+struct Link {
+    std::optional<std::uint32_t> generation;
+    std::optional<std::uint32_t> width;
+};
+
+Link readLink(const fs::path& device, const std::string& which)
+{
+    return {scaled<std::uint32_t>(sysfs::readLinkGeneration(device / (which + "_link_speed")), 1),
+            scaled<std::uint32_t>(readWithin(device / (which + "_link_width"), 1, plausible::leastPCIeLanes,
+                                             plausible::mostPCIeLanes),
+                                  1)};
+}
+
+// Where a device's readings are: its folder, whether amdgpu drives it, its first
+// hwmon folder if its driver registered one, and there its labelled temperatures.
 struct Sensors {
     fs::path device;
     bool amdgpu = false;
     std::optional<fs::path> hwmon;
+    LabelledTemperatures labelled;
     std::optional<std::uint64_t> memoryTotal; // bytes, as amdgpu says
 
     void read(GPU& gpu) const
     {
         if (amdgpu)
             readAmdgpuReadings(gpu, device, memoryTotal);
-        if (hwmon)
+        if (hwmon) {
             readHwmonReadings(gpu, *hwmon);
+            readPowerAndHeat(gpu, *hwmon, labelled);
+        }
+        const Link link = readLink(device, "current");
+        gpu.setPCIeLinkGeneration(link.generation);
+        gpu.setPCIeLinkWidth(link.width);
     }
 };
 
 // Everything the files say: amdgpu's memory size, VBIOS and unique id, the
-// sensors' shutdown temperature, and the readings.
+// sensors' shutdown temperature and power cap, the link at most, and the
+// readings.
 void readFiles(GPU& gpu, Sensors& sensors)
 {
     if (sensors.amdgpu) {
@@ -152,8 +169,15 @@ void readFiles(GPU& gpu, Sensors& sensors)
         gpu.setVBIOSVersion(readText(sensors.device / "vbios_version"));
         gpu.setUUID(readText(sensors.device / "unique_id"));
     }
-    if (sensors.hwmon)
+    if (sensors.hwmon) {
         gpu.setTemperatureShutdown(scaled<std::uint64_t>(readNumber(*sensors.hwmon / "temp1_crit"), 1000));
+        gpu.setPowerLimit(scaled<std::uint32_t>(
+            readWithin(*sensors.hwmon / "power1_cap", 1000, 0, plausible::mostMilliwatts), 1));
+        sensors.labelled = labelledTemperatures(*sensors.hwmon);
+    }
+    const Link most = readLink(sensors.device, "max");
+    gpu.setPCIeLinkGenerationMax(most.generation);
+    gpu.setPCIeLinkWidthMax(most.width);
     sensors.read(gpu);
 }
 

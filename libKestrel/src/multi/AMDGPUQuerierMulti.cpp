@@ -122,8 +122,16 @@ void readFan(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
     gpu.setFanSpeedRPM(fan.rpm);
 }
 
+void readPowerAndHeat(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
+{
+    const AMDPowerAndHeat read = query_PowerAndHeat(calls, index);
+    gpu.setPowerDraw(read.power);
+    gpu.setTemperatureHotspot(read.hotspot);
+    gpu.setTemperatureMemory(read.memory);
+}
+
 // What a session reads again: the temperature, one reading of the current
-// status (clocks and utilisation) and the fan.
+// status (clocks and utilisation), the fan, and the power and hot temperatures.
 void readReadings(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
 {
     gpu.setTemperatureCurrent(query_TemperatureCurrent(calls, index));
@@ -132,6 +140,7 @@ void readReadings(const adlwrapper::ADLCalls& calls, int index, GPU& gpu)
     gpu.setMemoryClock(activity.clocks.memory);
     gpu.setUtilizationGPU(activity.utilization);
     readFan(calls, index, gpu);
+    readPowerAndHeat(calls, index, gpu);
 }
 
 // Runs 'use' inside a share of the process's one first-interface control, and
@@ -157,9 +166,10 @@ bool withFirstInterface(const adlwrapper::ADLFunctions& f, const std::function<b
 // Each adapter with its records, as a pass hands them on.
 using Take = std::function<void(const adl::AdapterInfo&, const Records&)>;
 
-// First pass, through ADL's first interface. False when it ended early, in which
-// case the second pass is not tried.
-bool queryAdapters(const Take& take)
+// First pass, through ADL's first interface, with the readings ADL has in their
+// ADL2 form alone on 'adl2Only' when it is given. False when it ended early, in
+// which case the second pass is not tried.
+bool queryAdapters(const Take& take, const adlwrapper::ADL2OnlyReadings* adl2Only)
 {
     const adlwrapper::ADLFunctions& f = adlBinding().functions;
     if (!f.ADL_Main_Control_Create) {
@@ -178,7 +188,7 @@ bool queryAdapters(const Take& take)
         const auto adapters = readAdapters(adlTags, f.ADL_Adapter_NumberOfAdapters_Get, f.ADL_Adapter_AdapterInfo_Get);
         if (!adapters)
             return;
-        const adlwrapper::ADLCalls calls{f};
+        const adlwrapper::ADLCalls calls{f, nullptr, adl2Only};
         for (const adl::AdapterInfo& info : *adapters)
             take(info, queryAMDGPU(calls, info)); // present or not
         listed = true;
@@ -212,18 +222,21 @@ void queryPresentAdapters(const Take& take)
         take(info, queryPresentAMDGPU(info));
 }
 
-// Both passes with ADL loaded, the second only when the first ran to its end;
-// 'loaded' runs first, while ADL's entries are bound.
-void queryBothPasses(const Take& first, const Take& second, const std::function<void()>& loaded = {})
+// Both passes with ADL loaded, the second only when the first ran to its end.
+// 'opened' takes an ADL2 context of its own (null when none can be made), made
+// first, while ADL's entries are bound; the first pass reads through it what ADL
+// has in an ADL2 form alone. It keeps ADL loaded for as long as it is held.
+void queryBothPasses(const Take& first, const Take& second,
+                     const std::function<void(std::shared_ptr<const AdlReadingContext>)>& opened)
 {
     if (!adlwrapper::initializeLibrary()) {
         log(site, Priority::WARNING, "134 ", "Failed to load AMD Display Library");
         return;
     }
     ScopeExit unload(adlwrapper::uninitializeLibrary);
-    if (loaded)
-        loaded();
-    if (queryAdapters(first))
+    const std::shared_ptr<const AdlReadingContext> context = AdlReadingContext::open();
+    opened(context);
+    if (queryAdapters(first, context ? context->adl2Only() : nullptr))
         queryPresentAdapters(second);
 }
 
@@ -248,6 +261,7 @@ Records queryAMDGPU(const adlwrapper::ADLCalls& calls, const adl::AdapterInfo& i
     gpu->setDedicatedMemory(memory.size);
     gpu->setMemoryBandwidth(memory.bandwidth);
     readFan(calls, index, *gpu);
+    readPowerAndHeat(calls, index, *gpu);
     return {gpu};
 }
 
@@ -272,7 +286,7 @@ Records queryAMDGPUsMulti(std::bitset<4>&)
     auto trace = site.trace("queryAMDGPUsMulti", 188);
     Records result;
     const Take collect = [&result](const adl::AdapterInfo&, const Records& records) { append(result, records); };
-    queryBothPasses(collect, collect);
+    queryBothPasses(collect, collect, [](std::shared_ptr<const AdlReadingContext>) {});
     return result;
 }
 
@@ -303,8 +317,8 @@ LiveSource enumerateAdlLive(std::bitset<4>&)
         for (const auto& record : records)
             live.gpus.push_back({std::static_pointer_cast<GPU>(record), {}});
     };
-    const auto open = [&live, &context] {
-        context = AdlReadingContext::open();
+    const auto open = [&live, &context](std::shared_ptr<const AdlReadingContext> opened) {
+        context = std::move(opened);
         live.vendor = context;
         live.around = readDirectly;
         if (!context || context->readsThroughContext())

@@ -60,12 +60,27 @@ void readEccCounts(const NVMLFunctions& entries, nvml::nvmlDevice_t device, GPU&
     gpu.setECCErrorsUncorrectedAggregate(sum(NVML_MEMORY_ERROR_TYPE_UNCORRECTED, NVML_AGGREGATE_ECC));
 }
 
+// Power, energy, the memory's temperature, the link as it runs, the
+// performance state and why the clocks are held back.
+void readPowerAndState(const NVMLFunctions& entries, nvml::nvmlDevice_t device, GPU& gpu)
+{
+    gpu.setPowerDraw(query_PowerDraw(entries, device));
+    gpu.setEnergyConsumed(query_EnergyConsumed(entries, device));
+    gpu.setTemperatureMemory(query_TemperatureMemory(entries, device));
+    const NvmlPcieLink link = query_PcieLinkCurrent(entries, device);
+    gpu.setPCIeLinkGeneration(link.generation);
+    gpu.setPCIeLinkWidth(link.width);
+    gpu.setPerformanceState(query_PerformanceState(entries, device));
+    gpu.setClockEventReasons(query_ClockEventReasons(entries, device));
+}
+
 void readReadings(const NVMLFunctions& entries, nvml::nvmlDevice_t device, GPU& gpu)
 {
     readUtilization(entries, device, gpu);
     readEccCounts(entries, device, gpu);
     gpu.setTemperatureCurrent(query_TemperatureCurrent(entries, device));
     gpu.setFanSpeedPercent(query_FanSpeedPercent(entries, device));
+    readPowerAndState(entries, device, gpu);
 }
 
 // Initialises NVML, hands every device NVML places on the PCI bus to 'take'
@@ -137,6 +152,11 @@ std::vector<std::shared_ptr<IGPU>> queryNVidiaGPU(const NVMLFunctions& entries, 
     gpu->setTemperatureSlowdown(query_TemperatureSlowdown(entries, device));
     gpu->setTemperatureShutdown(query_TemperatureShutdown(entries, device));
     gpu->setFanSpeedPercent(query_FanSpeedPercent(entries, device));
+    readPowerAndState(entries, device, *gpu);
+    gpu->setPowerLimit(query_PowerLimit(entries, device));
+    const NvmlPcieLink most = query_PcieLinkMax(entries, device);
+    gpu->setPCIeLinkGenerationMax(most.generation);
+    gpu->setPCIeLinkWidthMax(most.width);
     return {gpu};
 }
 

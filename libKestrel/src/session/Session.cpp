@@ -259,11 +259,20 @@ struct Enumeration {
     std::bitset<4> status;
     // When every source is refreshed in place, a refresh folds the new readings
     // into the records merged at enumeration instead of merging everything
-    // again: the readings' merge rules keep the larger or smaller value, in any
-    // order. Those sources are all the library's own, so every record is a GPU.
+    // again, record after record in the order of a merge, so that each rule
+    // (some keep the earlier record's value) gives what the merge gives. Those
+    // sources are all the library's own, so every record is a GPU.
     bool keptOnly = false;
-    Merged merged;           // with each record's place
-    std::vector<GPU> unread; // per merged GPU: the readings of its records that are not read again
+    Merged merged; // with each record's place
+    // One record's readings folded at a refresh: those a refresh reads into its
+    // source's spare readings, or the record's own when it is not read again.
+    struct Fold {
+        std::size_t place;  // among the merged GPUs
+        std::size_t source; // in 'kept'
+        std::size_t index;  // among the source's records
+        const GPU* unread;  // the record, when a refresh does not read it
+    };
+    std::vector<Fold> folds; // in the records' order
     std::vector<GPU> folded; // per merged GPU: where a refresh folds its readings
 
     // Where each record of the sources went among the merged GPUs.
@@ -277,17 +286,20 @@ struct Enumeration {
         }
     }
 
-    // What the records that are not read again say of the readings.
-    void keepUnread()
+    // What a refresh folds of each record, in the records' order. A record that
+    // is not read again and has no readings has nothing to fold, nor has one
+    // the merge left out.
+    void planFolds()
     {
         for (const auto& gpu : merged.gpus)
-            unread.emplace_back(*gpu->pciLocation());
-        folded = unread;
-        for (const Kept& source : kept) {
+            folded.emplace_back(*gpu->pciLocation());
+        for (std::size_t k = 0; k < kept.size(); ++k) {
+            const Kept& source = kept[k];
             for (std::size_t i = 0; i < source.now.records.size(); ++i) {
+                const auto& record = static_cast<const GPU&>(*source.now.records[i]);
                 const bool read = i < source.readers() && source.live->gpus[i].read;
-                if (!read && source.merged[i] < unread.size())
-                    foldReadings(unread[source.merged[i]], static_cast<const GPU&>(*source.now.records[i]));
+                if (source.merged[i] < folded.size() && (read || hasReadings(record)))
+                    folds.push_back({source.merged[i], k, i, read ? nullptr : &record});
             }
         }
     }
@@ -298,12 +310,10 @@ struct Enumeration {
     Records fold(const Records& current)
     {
         const Records& gpus = merged.gpus;
-        for (std::size_t j = 0; j < gpus.size(); ++j)
-            takeReadings(folded[j], unread[j]);
-        for (const Kept& source : kept)
-            for (std::size_t i = 0; i < source.readers(); ++i)
-                if (source.live->gpus[i].read && source.merged[i] < folded.size())
-                    foldReadings(folded[source.merged[i]], source.next.values[i]);
+        for (GPU& gpu : folded)
+            clearReadings(gpu);
+        for (const Fold& step : folds)
+            foldReadings(folded[step.place], step.unread ? *step.unread : kept[step.source].next.values[step.index]);
         Records result;
         result.reserve(gpus.size());
         for (std::size_t j = 0; j < gpus.size(); ++j) {
@@ -381,7 +391,7 @@ struct Session::State {
                                      [](const Kept& source) { return source.refreshedInPlace(); });
         fresh.placeRecords();
         if (fresh.keptOnly)
-            fresh.keepUnread();
+            fresh.planFolds();
         Records merged = fresh.merged.gpus;
         std::vector<bool> answered = answeringOf(fresh.kept, fresh.merged, false);
         std::vector<Source> now = states(fresh.kept, false);

@@ -71,5 +71,22 @@ Optional32 mergeFanSpeed(const Optional32& lhs, const Optional32& rhs);
 Optional32 mergeVersion(const Optional32& lhs, const Optional32& rhs);
 // The monitor handle: the left one.
 OptionalHandle mergeNativeMonitorHandle(const OptionalHandle& lhs, const OptionalHandle& rhs);
+// Power draw and the energy counter: the left one, that is the earlier source's.
+// Every list of the library's own sources names the vendor libraries (NVML,
+// ADL) before the kernel's files (sysfs), so their reading wins; and a counter
+// taken from one source only never jumps between two sources' counts.
+Optional32 mergePowerDraw(const Optional32& lhs, const Optional32& rhs);
+Optional64 mergeEnergy(const Optional64& lhs, const Optional64& rhs);
+// The power limit: the smaller, the one the GPU keeps to.
+Optional32 mergePowerLimit(const Optional32& lhs, const Optional32& rhs);
+// Hot spot and memory temperatures take mergeTemperature's rule, the larger.
+// PCIe link generations and widths, current and maximum: the smaller, as a link
+// runs at what its slower end allows (sysfs's maximum is the GPU's own, NVML's
+// the GPU's in its slot).
+Optional32 mergePCIeLink(const Optional32& lhs, const Optional32& rhs);
+// The performance state: the larger number, the slower state.
+Optional32 mergePerformanceState(const Optional32& lhs, const Optional32& rhs);
+// Clock event reasons: every reason either source names.
+Optional64 mergeClockEventReasons(const Optional64& lhs, const Optional64& rhs);
 
 } // namespace libKestrel

@@ -14,8 +14,9 @@
 // entries, a context), never through a table another thread may change.
 namespace libKestrel {
 
-// Reads one GPU's changing properties (temperature, utilisation, fan speeds,
-// clocks, available memory, ECC counts) again into 'gpu', through the handle
+// Reads one GPU's changing properties (temperatures, utilisation, fan speeds,
+// clocks, available memory, ECC counts, power, energy, the PCIe link, the
+// performance state, clock event reasons) again into 'gpu', through the handle
 // its source enumerated it by; what it cannot read it leaves absent.
 using Reader = std::function<void(GPU& gpu)>;
 
@@ -63,8 +64,9 @@ bool hasReadings(const GPU& gpu);
 bool sameReadings(const GPU& one, const GPU& other);
 // Sets those properties of 'into' to those of 'from', absent ones included.
 void takeReadings(GPU& into, const GPU& from);
-// Merges those properties of 'from' into 'into', each by its merge rule. The
-// rules keep the larger or smaller value, so the order of folding is free.
+// Merges those properties of 'from' into 'into', each by its merge rule, with
+// 'from' as the later record. Some rules keep the earlier record's value, so
+// records folded in their order give what merging them gives.
 void foldReadings(GPU& into, const GPU& from);
 
 } // namespace libKestrel

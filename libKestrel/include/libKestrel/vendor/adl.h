@@ -137,14 +137,20 @@ constexpr int PMLOG_CLK_GFXCLK = 1;           // MHz
 constexpr int PMLOG_CLK_MEMCLK = 2;           // MHz
 constexpr int PMLOG_CLK_SOCCLK = 3;
 constexpr int PMLOG_TEMPERATURE_EDGE = 8;     // degrees Celsius
-constexpr int PMLOG_TEMPERATURE_MEM = 9;
+constexpr int PMLOG_TEMPERATURE_MEM = 9;      // degrees Celsius, as the other temperatures
 constexpr int PMLOG_FAN_RPM = 14;
 constexpr int PMLOG_FAN_PERCENTAGE = 15;
 constexpr int PMLOG_INFO_ACTIVITY_GFX = 19;   // percent
 constexpr int PMLOG_INFO_ACTIVITY_MEM = 20;   // percent
 constexpr int PMLOG_GFX_VOLTAGE = 21;         // mV
-constexpr int PMLOG_ASIC_POWER = 23;          // W
-constexpr int PMLOG_TEMPERATURE_HOTSPOT = 27; // degrees Celsius
+constexpr int PMLOG_ASIC_POWER = 23;          // W, whole
+constexpr int PMLOG_TEMPERATURE_HOTSPOT = 27; // degrees Celsius, the hottest point of the die
+
+// Overdrive 6 current power (ADL2_Overdrive6_CurrentPower_Get): the power type
+// ADL documents, 0 for the ASIC's total power, whose value is in watts with 8
+// fractional bits (256 is one watt). ADL gives the value no name; this is ours.
+constexpr int OD6_POWER_TYPE_ASIC_TOTAL = 0;
+constexpr int OD6_POWER_FRACTION_BITS = 8;
 
 // ---------------------------------------------------------------------------
 // Structures. Strings are fixed char arrays that ADL means to terminate, but a
@@ -450,7 +456,8 @@ using PFN_ADL2_Main_Control_Refresh = int (*)(ADL_CONTEXT_HANDLE context);
     X(Overdrive8_Init_SettingX2_Get, int iAdapterIndex, int* lpOverdrive8Capabilities,                   \
       int* lpNumberOfFeatures, ADLOD8SingleInitSetting** lppInitSettingList)                             \
     X(Overdrive8_Current_SettingX2_Get, int iAdapterIndex, int* lpNumberOfFeatures,                      \
-      int** lppCurrentSettingList)
+      int** lppCurrentSettingList)                                                                       \
+    X(Overdrive6_CurrentPower_Get, int iAdapterIndex, int iPowerType, int* lpCurrentValue)
 
 #define LIBKESTREL_ADL_BOTH_FORMS(name, ...)                                                             \
     using PFN_ADL_##name = int (*)(__VA_ARGS__);                                                         \

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 // Our declarations of the part of NVIDIA's management library (NVML) that the
 // NVML source calls. NVML is reached only at run time, through these pointer
 // types. Layouts are the same on Windows x64 and Linux x86-64; NVML names no
@@ -73,6 +75,40 @@ enum nvmlEccCounterType_t : int {
     NVML_ECC_COUNTER_TYPE_COUNT = 2
 };
 
+// Performance states, P0 (the fastest) to P15; NVML_PSTATE_UNKNOWN when the
+// driver cannot tell.
+enum nvmlPstates_t : int {
+    NVML_PSTATE_0 = 0,
+    NVML_PSTATE_15 = 15,
+    NVML_PSTATE_UNKNOWN = 32
+};
+
+// What a field value holds (nvmlFieldValue_t::valueType).
+enum nvmlValueType_t : int {
+    NVML_VALUE_TYPE_DOUBLE = 0,
+    NVML_VALUE_TYPE_UNSIGNED_INT = 1,
+    NVML_VALUE_TYPE_UNSIGNED_LONG = 2,
+    NVML_VALUE_TYPE_UNSIGNED_LONG_LONG = 3,
+    NVML_VALUE_TYPE_SIGNED_LONG_LONG = 4,
+    NVML_VALUE_TYPE_SIGNED_INT = 5,
+    NVML_VALUE_TYPE_UNSIGNED_SHORT = 6
+};
+
+// Field ids for nvmlDeviceGetFieldValues.
+constexpr unsigned int NVML_FI_DEV_MEMORY_TEMP = 82; // the memory's temperature, degrees Celsius
+
+// Bits of nvmlDeviceGetCurrentClocksEventReasons (and of its older name,
+// nvmlDeviceGetCurrentClocksThrottleReasons, which reports the same bits).
+constexpr unsigned long long nvmlClocksEventReasonGpuIdle = 0x1;
+constexpr unsigned long long nvmlClocksEventReasonApplicationsClocksSetting = 0x2;
+constexpr unsigned long long nvmlClocksEventReasonSwPowerCap = 0x4;
+constexpr unsigned long long nvmlClocksThrottleReasonHwSlowdown = 0x8;
+constexpr unsigned long long nvmlClocksEventReasonSyncBoost = 0x10;
+constexpr unsigned long long nvmlClocksEventReasonSwThermalSlowdown = 0x20;
+constexpr unsigned long long nvmlClocksThrottleReasonHwThermalSlowdown = 0x40;
+constexpr unsigned long long nvmlClocksThrottleReasonHwPowerBrakeSlowdown = 0x80;
+constexpr unsigned long long nvmlClocksEventReasonDisplayClockSetting = 0x100;
+
 // Buffer sizes NVML documents for its text outputs, terminating NUL included.
 constexpr unsigned int NVML_DEVICE_NAME_BUFFER_SIZE = 64;
 constexpr unsigned int NVML_DEVICE_UUID_BUFFER_SIZE = 80;
@@ -118,12 +154,39 @@ struct nvmlMemory_t {
     unsigned long long used;
 };
 
+// One value of nvmlDeviceGetFieldValues, read as valueType says.
+union nvmlValue_t {
+    double dVal;
+    int siVal;
+    unsigned int uiVal;
+    unsigned long ulVal; // 4 bytes on Windows, 8 on Linux: the union is 8 bytes either way
+    unsigned long long ullVal;
+    signed long long sllVal;
+    unsigned short usVal;
+};
+
+// A field the caller asks for (fieldId, scopeId) and NVML's answer for it: its
+// own return code, and the value when that is NVML_SUCCESS.
+struct nvmlFieldValue_t {
+    unsigned int fieldId;
+    unsigned int scopeId;
+    long long timestamp;   // microseconds since 1970
+    long long latencyUsec;
+    nvmlValueType_t valueType;
+    nvmlReturn_t nvmlReturn;
+    nvmlValue_t value;
+};
+
 static_assert(sizeof(nvmlReturn_t) == 4, "nvmlReturn_t is a 4-byte enum");
 static_assert(sizeof(nvmlDevice_t) == 8, "nvmlDevice_t is an 8-byte handle");
 static_assert(sizeof(nvmlPciInfo_t) == 68, "nvmlPciInfo_t layout");
 static_assert(sizeof(nvmlUtilization_t) == 8, "nvmlUtilization_t layout");
 static_assert(sizeof(nvmlEccErrorCounts_t) == 32, "nvmlEccErrorCounts_t layout");
 static_assert(sizeof(nvmlMemory_t) == 24, "nvmlMemory_t layout");
+static_assert(sizeof(nvmlValue_t) == 8, "nvmlValue_t layout");
+static_assert(sizeof(nvmlFieldValue_t) == 40 && offsetof(nvmlFieldValue_t, valueType) == 24 &&
+                  offsetof(nvmlFieldValue_t, value) == 32,
+              "nvmlFieldValue_t layout");
 
 using PFN_nvmlInit_v2 = nvmlReturn_t (*)();
 using PFN_nvmlShutdown = nvmlReturn_t (*)();
@@ -147,5 +210,26 @@ using PFN_nvmlDeviceGetUtilizationRates = nvmlReturn_t (*)(nvmlDevice_t device, 
 using PFN_nvmlDeviceGetVbiosVersion = nvmlReturn_t (*)(nvmlDevice_t device, char* version, unsigned int length);
 using PFN_nvmlDeviceGetFanSpeed = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* speed);
 using PFN_nvmlErrorString = const char* (*)(nvmlReturn_t result);
+// Milliwatts: the GPU's draw with its board (memory included), and the limit
+// the driver enforces after every limiter.
+using PFN_nvmlDeviceGetPowerUsage = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* power);
+using PFN_nvmlDeviceGetEnforcedPowerLimit = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* limit);
+// Millijoules since the driver was last loaded.
+using PFN_nvmlDeviceGetTotalEnergyConsumption = nvmlReturn_t (*)(nvmlDevice_t device, unsigned long long* energy);
+// The PCIe link: generation and lanes, now and at most (the most the GPU and
+// its slot allow together).
+using PFN_nvmlDeviceGetCurrPcieLinkGeneration = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* currLinkGen);
+using PFN_nvmlDeviceGetCurrPcieLinkWidth = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* currLinkWidth);
+using PFN_nvmlDeviceGetMaxPcieLinkGeneration = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* maxLinkGen);
+using PFN_nvmlDeviceGetMaxPcieLinkWidth = nvmlReturn_t (*)(nvmlDevice_t device, unsigned int* maxLinkWidth);
+using PFN_nvmlDeviceGetPerformanceState = nvmlReturn_t (*)(nvmlDevice_t device, nvmlPstates_t* pState);
+// A mask of nvmlClocks*Reason* bits. The older name is kept by drivers that
+// predate the newer one, with the same signature and bits.
+using PFN_nvmlDeviceGetCurrentClocksEventReasons = nvmlReturn_t (*)(nvmlDevice_t device,
+                                                                    unsigned long long* clocksEventReasons);
+using PFN_nvmlDeviceGetCurrentClocksThrottleReasons = nvmlReturn_t (*)(nvmlDevice_t device,
+                                                                       unsigned long long* clocksThrottleReasons);
+// Fills each of 'valuesCount' values whose fieldId (and scopeId) the caller set.
+using PFN_nvmlDeviceGetFieldValues = nvmlReturn_t (*)(nvmlDevice_t device, int valuesCount, nvmlFieldValue_t* values);
 
 } // namespace libKestrel::nvml

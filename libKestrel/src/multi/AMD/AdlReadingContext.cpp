@@ -17,6 +17,11 @@ std::shared_ptr<const AdlReadingContext> AdlReadingContext::open()
         return kept;
     }
     const tova::DynamicLibrary& module = binding.library;
+    kept->adl2Only_.context = kept->context_;
+    kept->adl2Only_.pmLog =
+        reinterpret_cast<adl::PFN_ADL2_New_QueryPMLogData_Get>(module.getSymbol("ADL2_New_QueryPMLogData_Get"));
+    kept->adl2Only_.currentPower = reinterpret_cast<adl::PFN_ADL2_Overdrive6_CurrentPower_Get>(
+        module.getSymbol("ADL2_Overdrive6_CurrentPower_Get"));
     adlwrapper::ADL2Readings readings;
     readings.context = kept->context_;
     readings.temperature =
@@ -41,7 +46,7 @@ AdlReadingContext::~AdlReadingContext()
 
 adlwrapper::ADLCalls AdlReadingContext::calls() const
 {
-    return {adlwrapper::adlBinding().functions, readsThroughContext() ? &readings_ : nullptr};
+    return {adlwrapper::adlBinding().functions, readsThroughContext() ? &readings_ : nullptr, adl2Only()};
 }
 
 } // namespace libKestrel

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/Plausible.h"
 #include "libKestrel/internal/ScopeExit.h"
 #include "libKestrel/internal/multi/AMD/adlwrapper.h"
 
@@ -19,6 +20,9 @@ logging::LogSite site("libKestrel.ADL", "libKestrel/src/multi/AMD/amd_adl.cpp");
 struct Message {
     const char* tag;
     const char* text;
+    // A refusal is a warning, but for readings a GPU of another generation
+    // lacks, which only trace.
+    Priority::LOGGER_PRIORITY priority = Priority::WARNING;
 };
 
 // Calls one ADL entry for a query. A missing entry, or any result but ADL_OK
@@ -32,23 +36,31 @@ bool callADL(Entry entry, const Message& missing, const Message& failed, Args...
     }
     const int code = entry(args...);
     if (code != adl::ADL_OK) {
-        log(site, Priority::WARNING, failed.tag, failed.text, code);
+        log(site, failed.priority, failed.tag, failed.text, code);
         return false;
     }
     return true;
 }
 
 // A reading of one of ADL's signed fields for an unsigned property, scaled by
-// 'times' / 'per' in 64 bits. No reading ADL gives is below zero: a negative one
-// is the driver's error, and the property is left out.
+// 'times' / 'per' in 64 bits. No reading ADL gives is below zero, nor, scaled,
+// above 'most' (libKestrel/internal/Plausible.h): such a one is the driver's
+// error, and the property is left out.
 template <class T>
-std::optional<T> reading(std::int64_t value, const char* label, std::int64_t times = 1, std::int64_t per = 1)
+std::optional<T> reading(std::int64_t value, const char* label, std::int64_t times = 1, std::int64_t per = 1,
+                         std::uint64_t most = UINT64_MAX)
 {
     if (value < 0) {
         log(site, Priority::WARNING, "300 ", "Negative reading left out: ", label, value);
         return std::nullopt;
     }
-    return static_cast<T>(value * times / per);
+    // ADL's fields are 32-bit and the scales small: the product fits in 64 bits.
+    const auto scaled = static_cast<std::uint64_t>(value * times / per);
+    if (scaled > most) {
+        log(site, Priority::WARNING, "301 ", "Reading beyond any GPU left out: ", label, value);
+        return std::nullopt;
+    }
+    return static_cast<T>(scaled);
 }
 
 // One of the three readings a session repeats: through its ADL2 context when
@@ -251,6 +263,55 @@ AMDFanSpeed query_FanSpeed(const adlwrapper::ADLCalls& calls, int adapterIndex)
     // Both are kept whatever iSpeedType says was filled.
     return {reading<std::uint32_t>(fan.iFanSpeedPercent, "FanSpeed %: "),
             reading<std::uint32_t>(fan.iFanSpeedRPM, "FanSpeed RPM: ")};
+}
+
+namespace {
+
+// One sensor of the PM log, if the log has it, scaled into its property's unit.
+template <class T>
+std::optional<T> sensor(const adl::ADLPMLogDataOutput& pmLog, int index, const char* label, std::int64_t times,
+                        std::uint64_t most)
+{
+    const adl::ADLSingleSensorData& data = pmLog.sensors[index];
+    if (!data.supported) {
+        log(site, Priority::TRACE, "313 ", "Not in the PM log: ", label);
+        return std::nullopt;
+    }
+    log(site, Priority::TRACE, "312 ", label, data.value);
+    return reading<T>(data.value, label, times, 1, most);
+}
+
+} // namespace
+
+AMDPowerAndHeat query_PowerAndHeat(const adlwrapper::ADLCalls& calls, int adapterIndex)
+{
+    auto trace = site.trace("query_PowerAndHeat", 286);
+    const adlwrapper::ADL2OnlyReadings* adl2 = calls.adl2Only;
+    if (!adl2)
+        return {}; // no ADL2 context: said where it could not be made
+    AMDPowerAndHeat result;
+    // A GPU without Overdrive 8 has no PM log; its power may still come from Overdrive 6.
+    adl::ADLPMLogDataOutput pmLog{};
+    if (callADL(adl2->pmLog, {"310 ", "New_QueryPMLogData_Get not available"},
+                {"311 ", "Failed to retrieve ADL PM log: ", Priority::TRACE}, adl2->context, adapterIndex, &pmLog)) {
+        result.power = sensor<std::uint32_t>(pmLog, adl::PMLOG_ASIC_POWER, "ASIC power (watts): ", 1000,
+                                             plausible::mostMilliwatts);
+        result.hotspot = sensor<std::uint64_t>(pmLog, adl::PMLOG_TEMPERATURE_HOTSPOT,
+                                               "Temperature hot spot (Celsius): ", 1, plausible::mostDegreesCelsius);
+        result.memory = sensor<std::uint64_t>(pmLog, adl::PMLOG_TEMPERATURE_MEM, "Temperature memory (Celsius): ", 1,
+                                              plausible::mostDegreesCelsius);
+    }
+    if (result.power)
+        return result;
+    int power = 0;
+    if (callADL(adl2->currentPower, {"315 ", "Overdrive6_CurrentPower_Get not available"},
+                {"316 ", "Failed to retrieve ADL current power: ", Priority::TRACE}, adl2->context, adapterIndex,
+                adl::OD6_POWER_TYPE_ASIC_TOTAL, &power)) {
+        log(site, Priority::TRACE, "317 ", "ASIC power (1/256 watts): ", power);
+        result.power = reading<std::uint32_t>(power, "ASIC power (1/256 watts): ", 1000,
+                                              1 << adl::OD6_POWER_FRACTION_BITS, plausible::mostMilliwatts);
+    }
+    return result;
 }
 
 } // namespace libKestrel

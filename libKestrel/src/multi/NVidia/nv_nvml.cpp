@@ -1,8 +1,13 @@
 #include "libKestrel/internal/multi/NVidia/nv_nvml.h"
 
 #include <algorithm>
+#include <climits>
+#include <cmath>
+#include <type_traits>
 
+#include "libKestrel/ClockEventReasons.h"
 #include "libKestrel/internal/Logging.h"
+#include "libKestrel/internal/Plausible.h"
 #include "libKestrel/internal/multi/NVidia/nvmlwrapper.h"
 
 namespace libKestrel {
@@ -55,16 +60,100 @@ std::optional<std::string> readText(const NVMLFunctions& entries, Entry entry, n
 }
 
 // A number that NVML writes through the last argument of 'entry'.
-template <class Entry, class... Arguments>
-std::optional<std::uint32_t> readNumber(const NVMLFunctions& entries, Entry entry, const Messages& messages,
-                                        const char* tag, const char* label, Arguments... arguments)
+template <class Value = unsigned int, class Entry, class... Arguments>
+std::optional<Value> readNumber(const NVMLFunctions& entries, Entry entry, const Messages& messages, const char* tag,
+                                const char* label, Arguments... arguments)
 {
-    unsigned int value = 0;
+    Value value = 0;
     if (!answered(entries, entry, messages, arguments..., &value))
         return std::nullopt;
     log(site, Priority::TRACE, tag, label, shown(value));
     return value;
 }
+
+// A reading no GPU could give (libKestrel/internal/Plausible.h) is the driver's
+// error: left out, and said.
+template <class T>
+std::optional<T> believable(const std::optional<T>& value, std::uint64_t least, std::uint64_t most, const char* label)
+{
+    if (!value)
+        return value;
+    bool outside = false;
+    if constexpr (std::is_signed_v<T>)
+        outside = *value < 0;
+    outside = outside || static_cast<std::uint64_t>(*value) < least || static_cast<std::uint64_t>(*value) > most;
+    if (!outside)
+        return value;
+    log(site, Priority::WARNING, "370 ", "Reading beyond any GPU left out: ", label, *value);
+    return std::nullopt;
+}
+
+// An unsigned number NVML writes for the device, which no GPU gives outside
+// [least, most].
+struct NumberQuery {
+    nvml::PFN_nvmlDeviceGetPowerUsage entry; // (device, unsigned int*), as every such entry
+    Messages messages;
+    const char* tag;
+    const char* label;
+    std::uint64_t least;
+    std::uint64_t most;
+};
+
+std::optional<std::uint32_t> readPlausible(const NVMLFunctions& entries, nvml::nvmlDevice_t device,
+                                           const NumberQuery& query)
+{
+    return believable(readNumber(entries, query.entry, query.messages, query.tag, query.label, device), query.least,
+                     query.most, query.label);
+}
+
+// nvmlDeviceGetFieldValues asked for one field. The call succeeds when NVML
+// answers at all; the field's own code says whether it has the value.
+struct OneField {
+    nvml::PFN_nvmlDeviceGetFieldValues entry;
+
+    explicit operator bool() const { return entry != nullptr; }
+    nvml::nvmlReturn_t operator()(nvml::nvmlDevice_t device, nvml::nvmlFieldValue_t* field) const
+    {
+        const nvml::nvmlReturn_t code = entry(device, 1, field);
+        return code == nvml::NVML_SUCCESS ? field->nvmlReturn : code;
+    }
+};
+
+// A field's value as a whole number (a fraction cut toward zero), whatever type
+// NVML gave it in; nothing for a type NVML does not document. A value beyond
+// the range is held at its end, which no reading reaches.
+std::optional<long long> wholeNumber(const nvml::nvmlFieldValue_t& field)
+{
+    const auto held = [](unsigned long long value) {
+        return static_cast<long long>(std::min<unsigned long long>(value, LLONG_MAX));
+    };
+    const nvml::nvmlValue_t& value = field.value;
+    switch (field.valueType) {
+    case nvml::NVML_VALUE_TYPE_DOUBLE:
+        if (std::isnan(value.dVal))
+            return LLONG_MAX;
+        return std::fabs(value.dVal) < 1e18 ? static_cast<long long>(value.dVal)
+                                             : (value.dVal < 0 ? LLONG_MIN : LLONG_MAX);
+    case nvml::NVML_VALUE_TYPE_UNSIGNED_INT: return value.uiVal;
+    case nvml::NVML_VALUE_TYPE_UNSIGNED_LONG: return held(value.ulVal);
+    case nvml::NVML_VALUE_TYPE_UNSIGNED_LONG_LONG: return held(value.ullVal);
+    case nvml::NVML_VALUE_TYPE_SIGNED_LONG_LONG: return value.sllVal;
+    case nvml::NVML_VALUE_TYPE_SIGNED_INT: return value.siVal;
+    case nvml::NVML_VALUE_TYPE_UNSIGNED_SHORT: return value.usVal;
+    }
+    return std::nullopt;
+}
+
+// NVML's reasons are ours bit for bit.
+static_assert(nvml::nvmlClocksEventReasonGpuIdle == clockEventReason::gpuIdle &&
+              nvml::nvmlClocksEventReasonApplicationsClocksSetting == clockEventReason::applicationsClocksSetting &&
+              nvml::nvmlClocksEventReasonSwPowerCap == clockEventReason::softwarePowerCap &&
+              nvml::nvmlClocksThrottleReasonHwSlowdown == clockEventReason::hardwareSlowdown &&
+              nvml::nvmlClocksEventReasonSyncBoost == clockEventReason::syncBoost &&
+              nvml::nvmlClocksEventReasonSwThermalSlowdown == clockEventReason::softwareThermalSlowdown &&
+              nvml::nvmlClocksThrottleReasonHwThermalSlowdown == clockEventReason::hardwareThermalSlowdown &&
+              nvml::nvmlClocksThrottleReasonHwPowerBrakeSlowdown == clockEventReason::hardwarePowerBrakeSlowdown &&
+              nvml::nvmlClocksEventReasonDisplayClockSetting == clockEventReason::displayClockSetting);
 
 } // namespace
 
@@ -174,6 +263,119 @@ std::optional<std::uint32_t> query_FanSpeedPercent(const NVMLFunctions& entries,
     return readNumber(entries, entries.nvmlDeviceGetFanSpeed,
                       {"298 ", "NvmlDeviceGetFanSpeed not available", "305 ", "Failed to retrieve NVML fan speed: "},
                       "309 ", "Fan speed (percent): ", device);
+}
+
+std::optional<std::uint32_t> query_PowerDraw(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_PowerDraw", 268);
+    return readPlausible(entries, device,
+                         {entries.nvmlDeviceGetPowerUsage,
+                          {"320 ", "NvmlDeviceGetPowerUsage not available", "321 ",
+                           "Failed to retrieve NVML power usage: "},
+                          "322 ", "Power draw (milliwatts): ", 0, plausible::mostMilliwatts});
+}
+
+std::optional<std::uint32_t> query_PowerLimit(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_PowerLimit", 277);
+    return readPlausible(entries, device,
+                         {entries.nvmlDeviceGetEnforcedPowerLimit,
+                          {"325 ", "NvmlDeviceGetEnforcedPowerLimit not available", "326 ",
+                           "Failed to retrieve NVML enforced power limit: "},
+                          "327 ", "Power limit (milliwatts): ", 0, plausible::mostMilliwatts});
+}
+
+std::optional<std::uint64_t> query_EnergyConsumed(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_EnergyConsumed", 287);
+    return believable(readNumber<unsigned long long>(entries, entries.nvmlDeviceGetTotalEnergyConsumption,
+                                                    {"330 ", "NvmlDeviceGetTotalEnergyConsumption not available",
+                                                     "331 ", "Failed to retrieve NVML total energy consumption: "},
+                                                    "332 ", "Energy since the driver loaded (millijoules): ", device),
+                     0, plausible::mostMillijoules, "Energy since the driver loaded (millijoules): ");
+}
+
+std::optional<std::uint64_t> query_TemperatureMemory(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_TemperatureMemory", 297);
+    nvml::nvmlFieldValue_t field{};
+    field.fieldId = nvml::NVML_FI_DEV_MEMORY_TEMP;
+    if (!answered(entries, OneField{entries.nvmlDeviceGetFieldValues},
+                  {"335 ", "NvmlDeviceGetFieldValues not available", "336 ",
+                   "Failed to retrieve NVML memory temperature: "},
+                  device, &field))
+        return std::nullopt;
+    const auto degrees = wholeNumber(field);
+    if (!degrees) {
+        log(site, Priority::WARNING, "337 ", "Memory temperature of a value type NVML does not name left out: ",
+            static_cast<int>(field.valueType));
+        return std::nullopt;
+    }
+    log(site, Priority::TRACE, "338 ", "Temperature memory (Celsius): ", *degrees);
+    const auto kept = believable(degrees, 0, plausible::mostDegreesCelsius, "Temperature memory (Celsius): ");
+    return kept ? std::optional<std::uint64_t>(static_cast<std::uint64_t>(*kept)) : std::nullopt;
+}
+
+NvmlPcieLink query_PcieLinkCurrent(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_PcieLinkCurrent", 318);
+    return {readPlausible(entries, device,
+                          {entries.nvmlDeviceGetCurrPcieLinkGeneration,
+                           {"340 ", "NvmlDeviceGetCurrPcieLinkGeneration not available", "341 ",
+                            "Failed to retrieve NVML current PCIe link generation: "},
+                           "342 ", "PCIe link generation: ", plausible::leastPCIeGeneration,
+                           plausible::mostPCIeGeneration}),
+            readPlausible(entries, device,
+                          {entries.nvmlDeviceGetCurrPcieLinkWidth,
+                           {"344 ", "NvmlDeviceGetCurrPcieLinkWidth not available", "345 ",
+                            "Failed to retrieve NVML current PCIe link width: "},
+                           "346 ", "PCIe link width (lanes): ", plausible::leastPCIeLanes, plausible::mostPCIeLanes})};
+}
+
+NvmlPcieLink query_PcieLinkMax(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_PcieLinkMax", 334);
+    return {readPlausible(entries, device,
+                          {entries.nvmlDeviceGetMaxPcieLinkGeneration,
+                           {"350 ", "NvmlDeviceGetMaxPcieLinkGeneration not available", "351 ",
+                            "Failed to retrieve NVML maximum PCIe link generation: "},
+                           "352 ", "PCIe link generation at most: ", plausible::leastPCIeGeneration,
+                           plausible::mostPCIeGeneration}),
+            readPlausible(entries, device,
+                          {entries.nvmlDeviceGetMaxPcieLinkWidth,
+                           {"354 ", "NvmlDeviceGetMaxPcieLinkWidth not available", "355 ",
+                            "Failed to retrieve NVML maximum PCIe link width: "},
+                           "356 ", "PCIe link width at most (lanes): ", plausible::leastPCIeLanes,
+                           plausible::mostPCIeLanes})};
+}
+
+std::optional<std::uint32_t> query_PerformanceState(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_PerformanceState", 351);
+    nvml::nvmlPstates_t state = nvml::NVML_PSTATE_UNKNOWN;
+    if (!answered(entries, entries.nvmlDeviceGetPerformanceState,
+                  {"360 ", "NvmlDeviceGetPerformanceState not available", "361 ",
+                   "Failed to retrieve NVML performance state: "},
+                  device, &state))
+        return std::nullopt;
+    log(site, Priority::TRACE, "362 ", "Performance state: ", static_cast<int>(state));
+    if (state == nvml::NVML_PSTATE_UNKNOWN)
+        return std::nullopt; // NVML cannot tell
+    const auto kept = believable(std::optional<int>(state), 0, plausible::mostPerformanceState, "Performance state: ");
+    return kept ? std::optional<std::uint32_t>(static_cast<std::uint32_t>(*kept)) : std::nullopt;
+}
+
+std::optional<std::uint64_t> query_ClockEventReasons(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device)
+{
+    auto trace = site.trace("query_ClockEventReasons", 367);
+    // Drivers older than the newer name have the older one alone, with the same bits.
+    const auto entry = entries.nvmlDeviceGetCurrentClocksEventReasons
+                           ? entries.nvmlDeviceGetCurrentClocksEventReasons
+                           : entries.nvmlDeviceGetCurrentClocksThrottleReasons;
+    return readNumber<unsigned long long>(entries, entry,
+                                          {"365 ", "NvmlDeviceGetCurrentClocksEventReasons not available", "366 ",
+                                           "Failed to retrieve NVML clock event reasons: "},
+                                          "367 ", "Clock event reasons: ", device);
 }
 
 } // namespace libKestrel

@@ -21,7 +21,7 @@ logging::LogSite site("libKestrel.NVML", "libKestrel/src/multi/NVidia/nvmlwrappe
 // Created with the module, so NVML can be bound from the first call on.
 NVMLBinding binding;
 
-// The sixteen look-ups, in order.
+// The twenty-seven look-ups, in order.
 template <class Visit>
 void listEntries(NVMLFunctions& f, Visit visit)
 {
@@ -41,6 +41,17 @@ void listEntries(NVMLFunctions& f, Visit visit)
     visit("nvmlDeviceGetVbiosVersion", &f.nvmlDeviceGetVbiosVersion);
     visit("nvmlDeviceGetFanSpeed", &f.nvmlDeviceGetFanSpeed);
     visit("nvmlErrorString", &f.nvmlErrorString);
+    visit("nvmlDeviceGetPowerUsage", &f.nvmlDeviceGetPowerUsage);
+    visit("nvmlDeviceGetEnforcedPowerLimit", &f.nvmlDeviceGetEnforcedPowerLimit);
+    visit("nvmlDeviceGetTotalEnergyConsumption", &f.nvmlDeviceGetTotalEnergyConsumption);
+    visit("nvmlDeviceGetCurrPcieLinkGeneration", &f.nvmlDeviceGetCurrPcieLinkGeneration);
+    visit("nvmlDeviceGetCurrPcieLinkWidth", &f.nvmlDeviceGetCurrPcieLinkWidth);
+    visit("nvmlDeviceGetMaxPcieLinkGeneration", &f.nvmlDeviceGetMaxPcieLinkGeneration);
+    visit("nvmlDeviceGetMaxPcieLinkWidth", &f.nvmlDeviceGetMaxPcieLinkWidth);
+    visit("nvmlDeviceGetPerformanceState", &f.nvmlDeviceGetPerformanceState);
+    visit("nvmlDeviceGetCurrentClocksEventReasons", &f.nvmlDeviceGetCurrentClocksEventReasons);
+    visit("nvmlDeviceGetCurrentClocksThrottleReasons", &f.nvmlDeviceGetCurrentClocksThrottleReasons);
+    visit("nvmlDeviceGetFieldValues", &f.nvmlDeviceGetFieldValues);
 }
 
 #if defined(_WIN32)

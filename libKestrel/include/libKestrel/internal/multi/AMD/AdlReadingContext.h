@@ -12,7 +12,9 @@ namespace libKestrel {
 // has the ADL2 forms of the temperature, current-status and fan readings, they
 // run on that context; else they go through the first interface, which needs a
 // control of it around them (ADL keeps one per process, shared through
-// adlcontrol.h).
+// adlcontrol.h). The readings ADL has in their ADL2 form alone (power, hot spot
+// and memory temperatures) run on the context in either case; a one-shot query
+// opens one for them too.
 class AdlReadingContext {
 public:
     // Null when ADL cannot be loaded. Called while the enumeration holds ADL
@@ -23,6 +25,8 @@ public:
     AdlReadingContext& operator=(const AdlReadingContext&) = delete;
 
     adlwrapper::ADLCalls calls() const;
+    // The readings with an ADL2 form alone, on the context; null without one.
+    const adlwrapper::ADL2OnlyReadings* adl2Only() const { return adl2Only_.context ? &adl2Only_ : nullptr; }
     // Whether the readings run on the context, needing no first-interface control.
     bool readsThroughContext() const { return readings_.context != nullptr; }
 
@@ -33,6 +37,7 @@ private:
     adl::ADL_CONTEXT_HANDLE context_ = nullptr;
     adl::PFN_ADL2_Main_Control_Destroy destroy_ = nullptr;
     adlwrapper::ADL2Readings readings_;
+    adlwrapper::ADL2OnlyReadings adl2Only_;
 };
 
 } // namespace libKestrel

@@ -71,12 +71,21 @@ struct ADL2Readings {
     adl::PFN_ADL2_Overdrive6_FanSpeed_Get fanSpeed = nullptr;
 };
 
+// The readings ADL has in their ADL2 form alone (the Overdrive 8 PM log, the
+// Overdrive 6 current power), with the context they run on.
+struct ADL2OnlyReadings {
+    adl::ADL_CONTEXT_HANDLE context = nullptr;
+    adl::PFN_ADL2_New_QueryPMLogData_Get pmLog = nullptr;
+    adl::PFN_ADL2_Overdrive6_CurrentPower_Get currentPower = nullptr;
+};
+
 // What the AMD source's queries call: the first interface's entries, and, when
 // given, the ADL2 readings that stand in for its temperature, current-status
-// and fan entries.
+// and fan entries, and the readings ADL has in their ADL2 form alone.
 struct ADLCalls {
     const ADLFunctions& functions;
     const ADL2Readings* readings = nullptr;
+    const ADL2OnlyReadings* adl2Only = nullptr;
 };
 
 // More adapters than any machine has (a GPU has one per output): an adapter

@@ -46,4 +46,14 @@ std::optional<std::uint32_t> query_UtilizationGPU(const adlwrapper::ADLCalls& ca
 AMDMemoryInfo query_DedicatedMemory(const adlwrapper::ADLCalls& calls, int adapterIndex);
 AMDFanSpeed query_FanSpeed(const adlwrapper::ADLCalls& calls, int adapterIndex);
 
+// The power the ASIC draws and its hottest temperatures: from the Overdrive 8
+// PM log, the power else from Overdrive 6's current power. Both have an ADL2
+// form alone, so without the calls' ADL2 context all are absent.
+struct AMDPowerAndHeat {
+    std::optional<std::uint32_t> power;   // milliwatts
+    std::optional<std::uint64_t> hotspot; // degrees Celsius
+    std::optional<std::uint64_t> memory;  // degrees Celsius
+};
+AMDPowerAndHeat query_PowerAndHeat(const adlwrapper::ADLCalls& calls, int adapterIndex);
+
 } // namespace libKestrel

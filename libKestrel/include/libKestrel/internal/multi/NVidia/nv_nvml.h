@@ -50,4 +50,26 @@ NvmlEccCounts query_ECCMemoryErrors(const NVMLFunctions& entries, nvml::nvmlDevi
                                     unsigned int errorType, unsigned int counterType);
 std::optional<std::uint32_t> query_FanSpeedPercent(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
 
+// The PCIe link: its generation and its width in lanes.
+struct NvmlPcieLink {
+    std::optional<std::uint32_t> generation;
+    std::optional<std::uint32_t> width;
+};
+
+// Milliwatts: what the board draws, and the limit the driver enforces.
+std::optional<std::uint32_t> query_PowerDraw(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+std::optional<std::uint32_t> query_PowerLimit(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+// Millijoules since the driver was loaded.
+std::optional<std::uint64_t> query_EnergyConsumed(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+// Degrees Celsius, NVML's memory-temperature field.
+std::optional<std::uint64_t> query_TemperatureMemory(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+// The link as it runs, and the most the GPU and its slot allow.
+NvmlPcieLink query_PcieLinkCurrent(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+NvmlPcieLink query_PcieLinkMax(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+// 0 (P0) to 15; absent when NVML cannot tell.
+std::optional<std::uint32_t> query_PerformanceState(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+// libKestrel/ClockEventReasons.h's bits, through the newer entry or, in drivers
+// that predate it, the older one.
+std::optional<std::uint64_t> query_ClockEventReasons(const NVMLFunctions& entries, nvml::nvmlDevice_t const& device);
+
 } // namespace libKestrel

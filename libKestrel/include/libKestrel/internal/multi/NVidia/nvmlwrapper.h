@@ -27,6 +27,17 @@ struct NVMLFunctions {
     nvml::PFN_nvmlDeviceGetVbiosVersion nvmlDeviceGetVbiosVersion = nullptr;
     nvml::PFN_nvmlDeviceGetFanSpeed nvmlDeviceGetFanSpeed = nullptr;
     nvml::PFN_nvmlErrorString nvmlErrorString = nullptr;
+    nvml::PFN_nvmlDeviceGetPowerUsage nvmlDeviceGetPowerUsage = nullptr;
+    nvml::PFN_nvmlDeviceGetEnforcedPowerLimit nvmlDeviceGetEnforcedPowerLimit = nullptr;
+    nvml::PFN_nvmlDeviceGetTotalEnergyConsumption nvmlDeviceGetTotalEnergyConsumption = nullptr;
+    nvml::PFN_nvmlDeviceGetCurrPcieLinkGeneration nvmlDeviceGetCurrPcieLinkGeneration = nullptr;
+    nvml::PFN_nvmlDeviceGetCurrPcieLinkWidth nvmlDeviceGetCurrPcieLinkWidth = nullptr;
+    nvml::PFN_nvmlDeviceGetMaxPcieLinkGeneration nvmlDeviceGetMaxPcieLinkGeneration = nullptr;
+    nvml::PFN_nvmlDeviceGetMaxPcieLinkWidth nvmlDeviceGetMaxPcieLinkWidth = nullptr;
+    nvml::PFN_nvmlDeviceGetPerformanceState nvmlDeviceGetPerformanceState = nullptr;
+    nvml::PFN_nvmlDeviceGetCurrentClocksEventReasons nvmlDeviceGetCurrentClocksEventReasons = nullptr;
+    nvml::PFN_nvmlDeviceGetCurrentClocksThrottleReasons nvmlDeviceGetCurrentClocksThrottleReasons = nullptr;
+    nvml::PFN_nvmlDeviceGetFieldValues nvmlDeviceGetFieldValues = nullptr;
 };
 
 // Process-wide binding state. Loads are counted, as NVML counts its own
