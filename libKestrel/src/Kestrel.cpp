@@ -9,6 +9,7 @@
 #include "libKestrel/internal/Identity.h"
 #include "libKestrel/internal/Logging.h"
 #include "libKestrel/internal/Main.h"
+#include "libKestrel/internal/Properties.h"
 
 namespace libKestrel {
 namespace {
@@ -60,7 +61,7 @@ std::shared_ptr<IGPU> relocated(const IGPU& gpu, const pci::PciLocation& locatio
 {
     auto copy = std::make_shared<GPU>(location);
 #define LIBKESTREL_COPY_PROPERTY(type, getter, setter, unit) copy->setter(gpu.getter());
-    LIBKESTREL_GPU_PROPERTIES(LIBKESTREL_COPY_PROPERTY)
+    LIBKESTREL_ALL_GPU_PROPERTIES(LIBKESTREL_COPY_PROPERTY)
 #undef LIBKESTREL_COPY_PROPERTY
     return copy;
 }
