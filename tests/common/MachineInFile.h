@@ -22,6 +22,8 @@ public:
     // Writes another machine (JSON text) to the file, which the simulated
     // modules of every process follow.
     void change(const std::string& json);
+    // The file's path.
+    const std::string& path() const { return file_; }
 
 private:
     MachineInFile() = default;

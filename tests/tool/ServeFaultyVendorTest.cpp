@@ -2,7 +2,6 @@
 // at once with what the other vendors read, the failing source is shown down,
 // and SIGTERM ends the server and its helpers within two seconds.
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -13,6 +12,7 @@
 
 #include "HttpClient.h"
 #include "ServedKestrel.h"
+#include "common/MachineInFile.h"
 #include "common/Paths.h"
 
 namespace {
@@ -21,13 +21,6 @@ using namespace std::chrono_literals;
 using kestrel::test::ServedKestrel;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
-
-// Writes a machine whole under its name, as the simulator expects a change.
-void write(const std::string& path, const json& machine)
-{
-    std::ofstream(path + ".new") << machine.dump();
-    std::rename((path + ".new").c_str(), path.c_str());
-}
 
 // The value of one series of an exposition ('name{labels}'), NaN when absent.
 double sample(const std::string& exposition, const std::string& series)
@@ -59,13 +52,12 @@ TEST(KestrelServe, AVendorThatHangsOrCrashesHoldsNeitherAScrapeNorTheStop)
     } rows[] = {{"hang", false}, {"crash", false}, {"hang", true}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.fault) + (row.inProcess ? " in-process" : " isolated"));
-        const std::string file = kestrel::test::temporaryPath("served-machine.json");
         json machine = json::parse(kestrel::test::fileText(std::string(KESTREL_SCENARIOS) + "/workstation.json"));
-        write(file, machine);
+        kestrel::test::MachineInFile file(machine.dump());
         std::vector<std::string> options = {"--interval", "0.2"};
         if (row.inProcess)
             options.push_back("--in-process");
-        ServedKestrel server(kestrel::test::executableDirectory() + "kestrel", file, options);
+        ServedKestrel server(kestrel::test::executableDirectory() + "kestrel", file.path(), options);
         const auto scrape = [&] {
             const auto response = kestrel::test::httpGet(server.port(), "/metrics", 100ms);
             EXPECT_EQ(response.status, 200) << "answered within a tenth of a second";
@@ -82,7 +74,7 @@ TEST(KestrelServe, AVendorThatHangsOrCrashesHoldsNeitherAScrapeNorTheStop)
         machine["faults"] = {{"nvmlDeviceGetTemperature", {{row.fault, true}}}};
         machine["gpus"][2]["adl"]["overdrive5"]["temperature"] = 71000;
         machine["gpus"][2]["sysfs"]["hwmon"]["temp1_input"] = 71000;
-        write(file, machine);
+        file.change(machine.dump());
         std::string body;
         for (const auto until = Clock::now() + 2500ms; Clock::now() < until; std::this_thread::sleep_for(100ms))
             body = scrape();
@@ -103,7 +95,6 @@ TEST(KestrelServe, AVendorThatHangsOrCrashesHoldsNeitherAScrapeNorTheStop)
         EXPECT_LT(Clock::now() - stopping, 2s);
         for (const int helper : helpers)
             EXPECT_TRUE(ended(helper)) << "helper " << helper << " ended with the server";
-        std::remove(file.c_str());
     }
 }
 
@@ -111,17 +102,16 @@ TEST(KestrelServe, AVendorThatHangsOrCrashesHoldsNeitherAScrapeNorTheStop)
 // helper behind.
 TEST(KestrelServe, HelpersEndWithAServerThatIsKilled)
 {
-    const std::string file = kestrel::test::temporaryPath("killed-machine.json");
     json machine = json::parse(kestrel::test::fileText(std::string(KESTREL_SCENARIOS) + "/workstation.json"));
-    write(file, machine);
+    kestrel::test::MachineInFile file(machine.dump());
     std::vector<int> helpers;
     {
-        ServedKestrel server(kestrel::test::executableDirectory() + "kestrel", file, {"--interval", "0.2"});
+        ServedKestrel server(kestrel::test::executableDirectory() + "kestrel", file.path(), {"--interval", "0.2"});
         // The first scrape waits for the first enumeration, which has every helper started.
         EXPECT_EQ(kestrel::test::httpGet(server.port(), "/metrics", 6s).status, 200);
         helpers = server.children();
         machine["faults"] = {{"nvmlDeviceGetTemperature", {{"hang", true}}}};
-        write(file, machine);
+        file.change(machine.dump());
         std::this_thread::sleep_for(300ms);
     } // killed with SIGKILL
     ASSERT_EQ(helpers.size(), 5u);
@@ -131,7 +121,6 @@ TEST(KestrelServe, HelpersEndWithAServerThatIsKilled)
             std::this_thread::sleep_for(20ms);
         EXPECT_TRUE(ended(helper)) << "helper " << helper;
     }
-    std::remove(file.c_str());
 }
 
 } // namespace
